@@ -1,0 +1,62 @@
+// CFakeKeychain: the gateway's keychain service played by a real bus service
+// ("iot.gateway.security.keychain" at "/iot/gateway/security/keychain", interface
+// "iot.gateway.security.keychain.sst"), speaking the shared-memory protocol of the keychain client.
+// Items are kept in memory by name; tests can pre-seed and inspect them, and make the service
+// slow, always answer a chosen code, or answer short-buffer.
+#ifndef QUOREL_TESTSUPPORT_FAKE_KEYCHAIN_H
+#define QUOREL_TESTSUPPORT_FAKE_KEYCHAIN_H
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "quorel/testsupport/fake_service.h"
+
+namespace Quorel {
+namespace Iot {
+namespace Testing {
+
+class CFakeKeychain : public CFakeService {
+public:
+    explicit CFakeKeychain(const std::string& address);
+
+    // bytes are stored verbatim (a trailing NUL, if any, is part of them).
+    void set_item(const std::string& name, const std::string& bytes, int32_t type = 3);
+    bool get_item(const std::string& name, std::string& bytes) const;
+    bool has_item(const std::string& name) const;
+    void erase_item(const std::string& name);
+
+    size_t add_count() const;  // kcAddKey calls answered
+    size_t get_count() const;  // kcGetKey calls answered
+    // Executable path the client put in the segment with the last kcAddKey / kcGetKey.
+    std::string last_exe_path() const;
+
+    void set_delay_ms(int delay_ms);            // answer every call this much later
+    void set_forced_result(int32_t result);     // answer every call with this result (0 = normal)
+    void set_always_short_buffer(bool always);  // kcGetKey always answers -65526 with the item length
+
+private:
+    DBusMessage* handle_add(DBusMessage* call);
+    DBusMessage* handle_get(DBusMessage* call);
+    DBusMessage* handle_encrypt(DBusMessage* call, bool decrypt);
+
+    struct Item {
+        std::string bytes;
+        int32_t type;
+    };
+    mutable std::mutex m_items_mutex;
+    std::map<std::string, Item> m_items;  // guarded by m_items_mutex
+    size_t m_add_count = 0;               // guarded by m_items_mutex
+    size_t m_get_count = 0;               // guarded by m_items_mutex
+    std::string m_last_exe_path;          // guarded by m_items_mutex
+    int m_delay_ms = 0;                   // guarded by m_items_mutex
+    int32_t m_forced_result = 0;          // guarded by m_items_mutex
+    bool m_always_short = false;          // guarded by m_items_mutex
+};
+
+}  // namespace Testing
+}  // namespace Iot
+}  // namespace Quorel
+
+#endif
