@@ -1,0 +1,128 @@
+#include "quorel/configmanager/base64.h"
+
+#include <memory>
+#include <new>
+
+namespace Quorel {
+namespace Iot {
+namespace Configmanager {
+
+namespace {
+
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+// Characters outside the alphabet map to -1; the bit operations below run on the unsigned image
+// of the value so that -1 contributes "all bits set", exactly as the lenient decoder promises.
+inline uint32_t bits(int value) { return static_cast<uint32_t>(value); }
+
+inline void decode_group(const int (&v)[4], unsigned char (&bytes)[3]) {
+    bytes[0] = static_cast<unsigned char>((bits(v[0]) << 2) + ((bits(v[1]) & 0x30) >> 4));
+    bytes[1] = static_cast<unsigned char>(((bits(v[2]) & 0x3C) >> 2) + (bits(v[1]) << 4));
+    bytes[2] = static_cast<unsigned char>(bits(v[3]) + (bits(v[2]) << 6));
+}
+
+inline void encode_group(const unsigned char (&in)[3], char (&out)[4]) {
+    out[0] = kAlphabet[in[0] >> 2];
+    out[1] = kAlphabet[((in[0] & 3) << 4) + (in[1] >> 4)];
+    out[2] = kAlphabet[((in[1] & 15) << 2) + (in[2] >> 6)];
+    out[3] = kAlphabet[in[2] & 63];
+}
+
+// Bytes that base64_decode_block writes for src: it stops at the first "=", so a text with extra
+// padding ("ZZZZ====") yields more than base64_decoded_length predicts; the buffer must hold both.
+int64_t decoded_bytes_written(const std::string& src) {
+    const size_t end = src.find('=');
+    const size_t n = end == std::string::npos ? src.size() : end;
+    const size_t rest = n % 4;
+    return static_cast<int64_t>(n / 4 * 3 + (rest > 1 ? rest - 1 : 0));
+}
+
+}  // namespace
+
+int base64_char_value(char ch) {
+    const signed char c = static_cast<signed char>(ch);
+    if (c >= 'A' && c <= 'Z') return c - 'A';
+    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+    if (c >= '0' && c <= '9') return c - '0' + 52;
+    if (c == '+') return 62;
+    if (c == '/') return 63;
+    return -1;
+}
+
+int32_t base64_encoded_length(uint32_t length) {
+    // Unsigned arithmetic wraps where the 32-bit signed original would overflow; the result is the
+    // same bit pattern, and an absurd length comes out non-positive, which callers refuse.
+    return static_cast<int32_t>((length + 2) / 3 * 3 / 3 * 4);
+}
+
+int32_t base64_decoded_length(const char* text, uint32_t length) {
+    int32_t padding = 0;
+    for (uint32_t i = length; i > 0 && text[i - 1] == '='; --i) ++padding;
+    return static_cast<int32_t>(static_cast<uint64_t>(length) * 6 / 8) - padding;
+}
+
+int32_t base64_encode_block(char* dst, const unsigned char* src, uint32_t length) {
+    int32_t written = 0;
+    uint32_t i = 0;
+    for (; i + 3 <= length; i += 3) {
+        const unsigned char group[3] = {src[i], src[i + 1], src[i + 2]};
+        char out[4];
+        encode_group(group, out);
+        for (char c : out) dst[written++] = c;
+    }
+    const uint32_t rest = length - i;
+    if (rest > 0) {
+        const unsigned char group[3] = {src[i], rest > 1 ? src[i + 1] : static_cast<unsigned char>(0), 0};
+        char out[4];
+        encode_group(group, out);
+        for (uint32_t k = 0; k < 4; ++k) dst[written++] = k <= rest ? out[k] : '=';
+    }
+    dst[written] = '\0';
+    return written;
+}
+
+int32_t base64_decode_block(unsigned char* dst, const char* src, uint32_t length) {
+    int32_t written = 0;
+    int group[4];
+    uint32_t filled = 0;
+    for (uint32_t i = 0; i < length && src[i] != '='; ++i) {
+        group[filled++] = base64_char_value(src[i]);
+        if (filled == 4) {
+            unsigned char bytes[3];
+            decode_group(group, bytes);
+            for (unsigned char b : bytes) dst[written++] = b;
+            filled = 0;
+        }
+    }
+    if (filled > 0) {
+        for (uint32_t k = filled; k < 4; ++k) group[k] = base64_char_value('\0');
+        unsigned char bytes[3];
+        decode_group(group, bytes);
+        for (uint32_t k = 0; k + 1 < filled; ++k) dst[written++] = bytes[k];
+    }
+    dst[written] = '\0';
+    return written;
+}
+
+void base64_encode(const std::string& in, std::string& out) {
+    const int64_t size = static_cast<int64_t>(base64_encoded_length(static_cast<uint32_t>(in.size()))) + 1;
+    if (size <= 0) return;
+    std::unique_ptr<char[]> buffer(new char[static_cast<size_t>(size)]());
+    base64_encode_block(buffer.get(), reinterpret_cast<const unsigned char*>(in.data()),
+                        static_cast<uint32_t>(in.size()));
+    out.assign(buffer.get());
+}
+
+void base64_decode(const std::string& in, std::string& out) {
+    int64_t size = static_cast<int64_t>(base64_decoded_length(in.data(), static_cast<uint32_t>(in.size()))) + 1;
+    if (size <= 0) return;
+    const int64_t needed = decoded_bytes_written(in) + 1;
+    if (needed > size) size = needed;
+    std::unique_ptr<unsigned char[]> buffer(new unsigned char[static_cast<size_t>(size)]());
+    base64_decode_block(buffer.get(), in.data(), static_cast<uint32_t>(in.size()));
+    out.assign(reinterpret_cast<const char*>(buffer.get()));
+}
+
+}  // namespace Configmanager
+}  // namespace Iot
+}  // namespace Quorel
