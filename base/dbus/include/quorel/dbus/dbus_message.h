@@ -10,6 +10,7 @@
 #include <dbus/dbus.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace Quorel {
@@ -50,17 +51,28 @@ public:
     bool set_uint64(uint64_t value);
     bool set_array(const uint8_t* data, uint32_t length);
 
+protected:
+    // Takes over the caller's reference (a freshly created message); null leaves the holder empty.
+    void adopt(DBusMessage* message);
+
 private:
     void attach(DBusMessage* message);
     void reset_read();
+    void init_append();
+    // value points at the libdbus representation of the type (a const char* for a string).
+    bool read_basic(int type, void* value);
+    bool append_basic(int type, const void* value);
 
     DBusMessage* m_message;
-    DBusMessageIter* m_read_iter;
-    DBusMessageIter* m_append_iter;
+    // Zero-filled at allocation. The read iterator is created by the first read and dropped by
+    // assignment; the append iterator lives as long as the holder.
+    std::unique_ptr<DBusMessageIter> m_read_iter;
+    std::unique_ptr<DBusMessageIter> m_append_iter;
 };
 
 class CDBusMethodCall : public CDBusMessage {
 public:
+    using CDBusMessage::operator=;
     explicit CDBusMethodCall(DBusMessage* message);
     CDBusMethodCall();
     CDBusMethodCall(const std::string& destination, const std::string& path, const std::string& interface,
@@ -69,6 +81,7 @@ public:
 
 class CDBusMethodReturn : public CDBusMessage {
 public:
+    using CDBusMessage::operator=;
     explicit CDBusMethodReturn(DBusMessage* message);
     CDBusMethodReturn();
     // True for a method return, false for an error reply or an empty holder.
@@ -77,6 +90,7 @@ public:
 
 class CDBusSignal : public CDBusMessage {
 public:
+    using CDBusMessage::operator=;
     explicit CDBusSignal(DBusMessage* message);
     CDBusSignal();
     CDBusSignal(const std::string& path, const std::string& interface, const std::string& member);
