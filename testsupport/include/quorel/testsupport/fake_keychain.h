@@ -19,6 +19,9 @@ namespace Testing {
 
 class CFakeKeychain : public CFakeService {
 public:
+    // kcGetKey's answer for an absent item (the real service's code for it is its own business).
+    static constexpr int32_t kNotFound = -65534;
+
     explicit CFakeKeychain(const std::string& address);
 
     // bytes are stored verbatim (a trailing NUL, if any, is part of them).
@@ -32,14 +35,21 @@ public:
     // Executable path the client put in the segment with the last kcAddKey / kcGetKey.
     std::string last_exe_path() const;
 
-    void set_delay_ms(int delay_ms);            // answer every call this much later
-    void set_forced_result(int32_t result);     // answer every call with this result (0 = normal)
+    void set_delay_ms(int delay_ms);  // answer every call this much later
+    // Answer every call with this result (0 = normal); kcAddKey then stores nothing, and kcGetKey
+    // and the transforms answer length 0.
+    void set_forced_result(int32_t result);
     void set_always_short_buffer(bool always);  // kcGetKey always answers -65526 with the item length
+
+    // The toy cipher of kcEncryptData / kcDecryptData: its own inverse, keyed by the item name.
+    static std::string scramble(const std::string& input, const std::string& name);
 
 private:
     DBusMessage* handle_add(DBusMessage* call);
     DBusMessage* handle_get(DBusMessage* call);
     DBusMessage* handle_encrypt(DBusMessage* call, bool decrypt);
+    // Waits the configured delay (outside the lock) and returns the forced result.
+    int32_t delay_then_forced_result() const;
 
     struct Item {
         std::string bytes;
