@@ -1,0 +1,240 @@
+// The configuration service's method handlers: introspection, the get family, the two sets and
+// the value envelope of set_config_with_ts.
+#include <json/json.h>
+#include <time.h>
+
+#include <memory>
+#include <sstream>
+
+#include "quorel/configmanager/config_business.h"
+#include "quorel/log/log.h"
+
+namespace Quorel {
+namespace Iot {
+namespace Configmanager {
+
+namespace {
+constexpr const char kLogFile[] = "core-services/config-manager/src/config_business";
+
+constexpr int32_t kOk = 0;
+constexpr int32_t kNotEvaluated = 100000;
+constexpr int32_t kBadArguments = 100001;
+constexpr int32_t kNotFound = 100100;
+constexpr int32_t kStoreRefused = 100101;
+constexpr int32_t kOwnerUnreachable = 100102;
+
+// Written as indented XML and sent as one line (every line break becomes a space); clients parse
+// it as XML, and the leading space is part of what they have always received. Only four of the
+// interface's methods are listed; the others are reached by name.
+constexpr const char kIntrospectXml[] = R"(
+<!DOCTYPE node PUBLIC "-//freedesktop//DTD D-BUS Object Introspection 1.0//EN" "http://www.freedesktop.org/standards/dbus/1.0/introspect.dtd">
+<!-- dbus-sharp 0.8.1 -->
+<node>
+  <interface name="org.freedesktop.DBus.Introspectable">
+    <method name="Introspect">
+      <arg name="data" direction="out" type="s" />
+    </method>
+  </interface>
+  <interface name="iot.dmp.configmanager">
+    <method name="get_config">
+      <arg name="key" direction="in" type="s" />
+      <arg name="code" direction="out" type="i" />
+      <arg name="value" direction="out" type="s" />
+    </method>
+    <method name="set_config">
+      <arg name="key" direction="in" type="s" />
+      <arg name="value" direction="in" type="s" />
+      <arg name="code" direction="out" type="i" />
+    </method>
+    <method name="subscribe_config">
+      <arg name="dbus_name" direction="in" type="s" />
+      <arg name="key" direction="in" type="s" />
+      <arg name="type" direction="in" type="i" />
+      <arg name="code" direction="out" type="i" />
+    </method>
+    <method name="unsubscribe_config">
+      <arg name="dbus_name" direction="in" type="s" />
+      <arg name="key" direction="in" type="s" />
+      <arg name="code" direction="out" type="i" />
+    </method>
+  </interface>
+</node>)";
+
+const std::string& introspect_text() {
+    static const std::string text = [] {
+        std::string line = kIntrospectXml;
+        for (char& c : line)
+            if (c == '\n') c = ' ';
+        return line;
+    }();
+    return text;
+}
+
+uint64_t now_ms() {
+    struct timespec ts = {};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
+}
+
+// The stored form of a set_config_with_ts value: compact, "data" before "ts", newline-terminated.
+std::string make_envelope(const std::string& value, uint64_t ts) {
+    Json::Value envelope(Json::objectValue);
+    envelope["data"] = value;
+    envelope["ts"] = Json::UInt64(ts);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    Json::FastWriter writer;
+    return writer.write(envelope);
+#pragma GCC diagnostic pop
+}
+
+bool parse_json(const std::string& text, Json::Value& out) {
+    Json::CharReaderBuilder builder;  // comments allowed, trailing text ignored
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    return reader->parse(text.data(), text.data() + text.size(), &out, &errors);
+}
+
+bool is_envelope(const Json::Value& parsed) { return parsed.isObject() && !parsed.empty() && parsed.isMember("data"); }
+
+// Strings, numbers and booleans convert the JSON library's way; a structured "data" member (which
+// that conversion refuses) is handed back as compact JSON instead of failing the request.
+std::string data_text(const Json::Value& data) {
+    if (data.isConvertibleTo(Json::stringValue)) return data.asString();
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, data);
+}
+
+}  // namespace
+
+void CConfigBusiness::handle_introspect(DBus::CDBusMethodReturn& reply) { reply.set_string(introspect_text()); }
+
+void CConfigBusiness::handle_get(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply) {
+    int32_t code = kNotEvaluated;
+    std::string key;
+    std::string text;
+    if (request.get_string(key)) code = m_file_manager.get_config(key, text) ? kOk : kNotFound;
+    QLOG(1, "handle_get, key:%s, code: %d", key.c_str(), code);
+    std::string value = text;
+    Json::Value parsed;
+    if (code == kOk && parse_json(text, parsed) && is_envelope(parsed)) value = data_text(parsed["data"]);
+    reply.set_int32(code);
+    reply.set_string(value);
+}
+
+void CConfigBusiness::handle_get_with_ts(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply) {
+    int32_t code = kNotEvaluated;
+    std::string key;
+    std::string text;
+    std::string data;
+    uint64_t ts = 0;
+    if (request.get_string(key)) code = m_file_manager.get_config(key, text) ? kOk : kNotFound;
+    if (code == kOk) {
+        Json::Value parsed;
+        if (!parse_json(text, parsed)) {
+            code = kNotFound;
+        } else {
+            const bool object = parsed.isObject() && !parsed.empty();
+            // A "ts" that is no unsigned 64-bit number counts as missing rather than aborting.
+            if (object && parsed.isMember("ts") && parsed["ts"].isUInt64()) {
+                ts = parsed["ts"].asUInt64();
+            } else {
+                code = kNotFound;
+            }
+            if (object && parsed.isMember("data")) {
+                data = data_text(parsed["data"]);
+            } else {
+                code = kNotFound;
+            }
+        }
+    }
+    QLOG(0, "handle_get_with_ts, key:%s, timestamp: %llu", key.c_str(), static_cast<unsigned long long>(ts));
+    reply.set_int32(code);
+    reply.set_string(data);
+    reply.set_uint64(ts);
+}
+
+void CConfigBusiness::handle_get_config_batch(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply) {
+    int32_t code = kNotEvaluated;
+    std::string key;
+    std::string result;
+    if (request.get_string(key)) code = m_file_manager.get_config_batch(key, result) ? kOk : kNotFound;
+    QLOG(1, "handle_get_key, key:%s, value:%s", key.c_str(), result.c_str());
+    reply.set_int32(code);
+    reply.set_string(result);
+}
+
+void CConfigBusiness::handle_get_config_batch_with_ts(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply) {
+    int32_t code = kNotEvaluated;
+    std::string key;
+    std::string result;
+    if (request.get_string(key)) code = m_file_manager.get_config_batch_with_ts(key, result) ? kOk : kNotFound;
+    QLOG(1, "handle_get_key, key:%s, value:%s", key.c_str(), result.c_str());
+    reply.set_int32(code);
+    reply.set_string(result);
+}
+
+void CConfigBusiness::handle_get_keylist(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply) {
+    int32_t code = kNotEvaluated;
+    std::string key;
+    std::string result;
+    if (request.get_string(key)) code = m_file_manager.get_config_keylist(key, result) ? kOk : kNotFound;
+    QLOG(1, "handle_get_key, key:%s, keylist:%s", key.c_str(), result.c_str());
+    reply.set_int32(code);
+    reply.set_string(result);
+}
+
+void CConfigBusiness::handle_set(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply, bool& need_reply) {
+    std::string key;
+    std::string value;
+    if (!request.get_string(key) || !request.get_string(value)) {
+        reply.set_int32(kBadArguments);
+        return;
+    }
+    QLOG(1, "handle_set, key:%s", key.c_str());
+    if (!apply_set(key, value, value, reply, need_reply)) QLOG(3, "handle_set, notify to owner fail.");
+}
+
+void CConfigBusiness::handle_set_with_ts(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply,
+                                         bool& need_reply) {
+    std::string key;
+    std::string value;
+    if (!request.get_string(key) || !request.get_string(value)) {
+        reply.set_int32(kBadArguments);
+        return;
+    }
+    uint64_t ts = 0;
+    if (!request.get_uint64(ts) || ts == 0) ts = now_ms();
+    const std::string envelope = make_envelope(value, ts);
+    QLOG(1, "handle_set_with_ts, key:%s", key.c_str());
+    if (!apply_set(key, envelope, value, reply, need_reply)) QLOG(3, "handle_set, notify to owner fail.");
+}
+
+bool CConfigBusiness::apply_set(const std::string& key, const std::string& stored, const std::string& notified,
+                                DBus::CDBusMethodReturn& reply, bool& need_reply) {
+    if (!has_owner(key)) {
+        // Observers are told before the caller's answer goes out.
+        if (m_file_manager.set_config(key, stored)) {
+            notify_to_observer(key, notified);
+            reply.set_int32(kOk);
+        } else {
+            reply.set_int32(kStoreRefused);
+        }
+        return true;
+    }
+    uint64_t serial = 0;
+    if (!notify_to_owner(key, notified, serial)) {
+        reply.set_int32(kOwnerUnreachable);
+        return false;
+    }
+    // The owner's answer is processed later on this same thread, so the record is in the table
+    // before its completion can look for it.
+    need_reply = false;
+    defer_reply(serial, reply, key, stored);
+    return true;
+}
+
+}  // namespace Configmanager
+}  // namespace Iot
+}  // namespace Quorel

@@ -1,0 +1,52 @@
+// The owner handshake: set requests waiting for a key owner's answer and the owner's completion.
+#include <cstdint>
+#include <memory>
+
+#include "quorel/configmanager/config_business.h"
+#include "quorel/log/log.h"
+
+namespace Quorel {
+namespace Iot {
+namespace Configmanager {
+
+namespace {
+constexpr const char kLogFile[] = "core-services/config-manager/src/config_business";
+
+constexpr int32_t kOwnerFailed = 100000;  // the owner's completion was not a method return
+constexpr int32_t kOwnerNoCode = 100103;  // the owner's method return carried no leading int32
+}  // namespace
+
+void CConfigBusiness::defer_reply(uint64_t serial, const DBus::CDBusMethodReturn& reply, const std::string& key,
+                                  const std::string& value) {
+    std::unique_ptr<PendingReply> pending(new PendingReply{reply, key, value});
+    Platform::CMutexGuard guard(m_pending_mutex);
+    m_pending_replies[serial] = std::move(pending);
+}
+
+void CConfigBusiness::callback(uint32_t status, DBus::CDBusMessage* message, void* user_data) {
+    const uint64_t serial = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(user_data));
+    std::unique_ptr<PendingReply> pending;
+    {
+        Platform::CMutexGuard guard(m_pending_mutex);
+        auto it = m_pending_replies.find(serial);
+        if (it == m_pending_replies.end()) return;
+        pending = std::move(it->second);
+        m_pending_replies.erase(it);
+    }
+    // The bus layer gave up on the call (disconnecting): the caller runs into its own time limit.
+    if (status != 0) return;
+
+    int32_t code = kOwnerFailed;
+    if (message != nullptr && message->get_type() == DBUS_MESSAGE_TYPE_METHOD_RETURN && !message->get_int32(code)) {
+        code = kOwnerNoCode;
+    }
+    pending->reply.set_int32(code);
+    if (!send_dbus_reply(pending->reply)) QLOG(3, "callback, send dbud reply fail.");
+    if (code != 0) return;
+    if (!m_file_manager.set_config(pending->key, pending->value)) QLOG(3, "callback, set_config fail.");
+    notify_to_observer(pending->key, pending->value);
+}
+
+}  // namespace Configmanager
+}  // namespace Iot
+}  // namespace Quorel

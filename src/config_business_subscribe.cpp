@@ -1,0 +1,220 @@
+// Subscriptions: the map of owners and observers per key, its persistence as the store's
+// "subscribe" metadata record, the two bus methods that edit it and the outgoing "notify_config"
+// calls. Every map operation holds m_subscribe_mutex for its whole run, sends included (they are
+// non-blocking).
+#include <dbus/dbus.h>
+
+#include <cstdint>
+#include <string>
+
+#include "quorel/configmanager/config_business.h"
+#include "quorel/log/log.h"
+
+namespace Quorel {
+namespace Iot {
+namespace Configmanager {
+
+namespace {
+constexpr const char kLogFile[] = "core-services/config-manager/src/config_business";
+constexpr const char kMetadataName[] = "subscribe";
+constexpr const char kAllKeys[] = "*";
+constexpr const char kLoggerName[] = "iot.gateway.logger";
+
+constexpr int32_t kOk = 0;
+constexpr int32_t kBadArguments = 100001;
+constexpr int32_t kBadType = 100104;
+constexpr int32_t kRefused = 100105;
+constexpr int32_t kBadName = 100106;
+constexpr int32_t kNotSubscribed = 100107;
+
+// The subscribers of key, or null when the map has none (a map loaded from the store may hold
+// anything, so every level is checked before use).
+const Json::Value* find_entries(const Json::Value& map, const std::string& key) {
+    if (!map.isObject()) return nullptr;
+    const Json::Value* entries = map.find(key.data(), key.data() + key.size());
+    return entries != nullptr && entries->isObject() ? entries : nullptr;
+}
+
+bool has_type(const Json::Value& entry, int32_t type) { return entry.isInt() && entry.asInt() == type; }
+
+}  // namespace
+
+std::string CConfigBusiness::make_object_path(const std::string& bus_name) {
+    std::string path = "/" + bus_name;
+    for (char& c : path)
+        if (c == '.') c = '/';
+    return path;
+}
+
+void CConfigBusiness::handle_subscribe(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply) {
+    std::string dbus_name;
+    std::string key;
+    int32_t type = 0;
+    if (!request.get_string(dbus_name) || !request.get_string(key) || !request.get_int32(type)) {
+        reply.set_int32(kBadArguments);
+        return;
+    }
+    QLOG(1, "handle_subscribe, dbus_name:%s, key:%s, type:%d.", dbus_name.c_str(), key.c_str(), type);
+    if (type != kOwner && type != kObserver) {
+        reply.set_int32(kBadType);
+        return;
+    }
+    // A name that is a valid bus name but gives no valid object path or interface (a unique name,
+    // a hyphen) could never be called back, and an owner of that kind would block every set.
+    const std::string path = make_object_path(dbus_name);
+    if (!validate_bus_name(dbus_name) || !dbus_validate_path(path.c_str(), nullptr) ||
+        !dbus_validate_interface(dbus_name.c_str(), nullptr)) {
+        reply.set_int32(kBadName);
+        return;
+    }
+    if (dbus_name == kLoggerName) log_init("config-manager", 1, 0, 2);
+    reply.set_int32(add_subscribe_map(key, dbus_name, type) ? kOk : kRefused);
+}
+
+void CConfigBusiness::handle_unsubscribe(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply) {
+    std::string dbus_name;
+    std::string key;
+    if (!request.get_string(dbus_name) || !request.get_string(key)) {
+        reply.set_int32(kBadArguments);
+        return;
+    }
+    QLOG(1, "handle_unsubscribe, dbus_name:%s, key:%s.", dbus_name.c_str(), key.c_str());
+    if (key != kAllKeys && !is_subscribed(key, dbus_name)) {
+        reply.set_int32(kNotSubscribed);
+        return;
+    }
+    del_subscribe_map(key, dbus_name);
+    reply.set_int32(kOk);
+}
+
+bool CConfigBusiness::add_subscribe_map(const std::string& key, const std::string& dbus_name, int32_t type) {
+    Platform::CMutexGuard guard(m_subscribe_mutex);
+    const Json::Value* entries = find_entries(m_subscribe, key);
+    if (type == kOwner && entries != nullptr) {
+        for (auto it = entries->begin(); it != entries->end(); ++it) {
+            if (has_type(*it, kOwner) && it.name() != dbus_name) {
+                QLOG(3, "add_subscribe_map, already subscribe, dbus_name:%s.", it.name().c_str());
+                return false;
+            }
+        }
+    }
+    m_subscribe[key][dbus_name] = type;
+    m_file_manager.set_metadata(kMetadataName, m_subscribe);
+    return true;
+}
+
+void CConfigBusiness::remove_subscriber(const std::string& key, const std::string& dbus_name) {
+    const Json::Value* entries = find_entries(m_subscribe, key);
+    if (entries == nullptr || !entries->isMember(dbus_name)) return;
+    if (entries->size() == 1) {
+        m_subscribe.removeMember(key);
+    } else {
+        m_subscribe[key].removeMember(dbus_name);
+    }
+}
+
+bool CConfigBusiness::del_subscribe_map(const std::string& key, const std::string& dbus_name) {
+    Platform::CMutexGuard guard(m_subscribe_mutex);
+    if (key != kAllKeys) {
+        remove_subscriber(key, dbus_name);
+    } else if (m_subscribe.isObject()) {
+        for (const std::string& each : m_subscribe.getMemberNames()) remove_subscriber(each, dbus_name);
+    }
+    m_file_manager.set_metadata(kMetadataName, m_subscribe);
+    return true;
+}
+
+bool CConfigBusiness::is_subscribed(const std::string& key, const std::string& dbus_name) {
+    Platform::CMutexGuard guard(m_subscribe_mutex);
+    const Json::Value* entries = find_entries(m_subscribe, key);
+    return entries != nullptr && entries->isMember(dbus_name);
+}
+
+bool CConfigBusiness::has_owner(const std::string& key) {
+    Platform::CMutexGuard guard(m_subscribe_mutex);
+    const Json::Value* entries = find_entries(m_subscribe, key);
+    if (entries == nullptr) return false;
+    for (const Json::Value& entry : *entries)
+        if (has_type(entry, kOwner)) return true;
+    return false;
+}
+
+bool CConfigBusiness::send_notify(const std::string& dbus_name, const std::string& key, const std::string& value,
+                                  void* user_data, const DBus::DBusCallback& done) {
+    const std::string path = make_object_path(dbus_name);
+    // libdbus treats an invalid path or interface as a programming error; a map loaded from the
+    // store may still hold such a name.
+    if (!dbus_validate_path(path.c_str(), nullptr) || !dbus_validate_interface(dbus_name.c_str(), nullptr) ||
+        !validate_bus_name(dbus_name)) {
+        return false;
+    }
+    DBus::CDBusMethodCall call(dbus_name, path, dbus_name, "notify_config");
+    if (!call.set_string(key) || !call.set_string(value)) return false;
+    return unblock_call(call, user_data, done) == 0;
+}
+
+bool CConfigBusiness::notify_to_owner(const std::string& key, const std::string& value, uint64_t& serial) {
+    Platform::CMutexGuard guard(m_subscribe_mutex);
+    const Json::Value* entries = find_entries(m_subscribe, key);
+    if (entries == nullptr) return false;
+    for (auto it = entries->begin(); it != entries->end(); ++it) {
+        if (!has_type(*it, kOwner)) continue;
+        serial = ++m_notify_serial;
+        const std::string owner = it.name();
+        void* user_data = reinterpret_cast<void*>(static_cast<uintptr_t>(serial));
+        if (!send_notify(owner, key, value, user_data, DBus::DBusCallback(this, &CConfigBusiness::callback))) {
+            QLOG(3, "notify_to_owner, unblock call error, name:%s.", owner.c_str());
+            return false;
+        }
+        return true;
+    }
+    return false;
+}
+
+bool CConfigBusiness::notify_to_observer(const std::string& key, const std::string& value) {
+    Platform::CMutexGuard guard(m_subscribe_mutex);
+    const Json::Value* entries = find_entries(m_subscribe, key);
+    if (entries == nullptr) return true;
+    for (auto it = entries->begin(); it != entries->end(); ++it) {
+        if (!has_type(*it, kObserver)) continue;
+        const std::string observer = it.name();
+        if (!send_notify(observer, key, value, nullptr, DBus::DBusCallback())) {
+            QLOG(3, "notify_to_observer, unblock call error, dbus name:%s.", observer.c_str());
+        }
+    }
+    return true;
+}
+
+void CConfigBusiness::debug_config(const std::string& name) {
+    std::string text;
+    if (m_file_manager.get_config(name, text)) {
+        QLOG(1, "debug_config, %s:%s.", name.c_str(), text.c_str());
+    } else {
+        QLOG(3, "debug_config, get config error, name:%s.", name.c_str());
+    }
+}
+
+void CConfigBusiness::debug_subscribe(const std::string& key) {
+    Platform::CMutexGuard guard(m_subscribe_mutex);
+    const Json::Value* entries = find_entries(m_subscribe, key);
+    if (entries != nullptr) {
+        QLOG(1, "debug_subscribe, %s:%s.", key.c_str(), entries->toStyledString().c_str());
+    } else {
+        QLOG(1, "debug_subscribe, no subscribe info.");
+    }
+}
+
+void CConfigBusiness::debug_subscribe(const std::string& key, const std::string& opr, const std::string& dbus_name,
+                                      int32_t type) {
+    if (opr == "del") {
+        del_subscribe_map(key, dbus_name);
+    } else if (opr == "add") {
+        add_subscribe_map(key, dbus_name, type);
+    } else {
+        QLOG(3, "debug_subscribe, opr error.");
+    }
+}
+
+}  // namespace Configmanager
+}  // namespace Iot
+}  // namespace Quorel
