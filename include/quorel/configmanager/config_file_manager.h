@@ -55,6 +55,16 @@ protected:
     void threadProc() override;
 
     // ---- private section: owned by the store's implementation ----
+private:
+    // Guards the document; held across every query, change and whole keychain save.
+    Platform::CMutex m_lock;
+    Json::Value m_config_json GUARDED_BY(m_lock);
+
+    // Posted by every change and by stop(); waited on by the saver thread only.
+    Platform::CSemaphore m_save_sem{0};
+    // Set by changes after m_lock is released, cleared by the saver before it takes m_lock:
+    // a change made between the clear and the write rides along with that write.
+    std::atomic<bool> m_changed{false};
 };
 
 // Per-record variant: one keychain item per record. The service never creates it.
@@ -71,6 +81,12 @@ public:
     bool save_file(const std::string& item, const uint8_t* data, uint32_t count);
 
     // ---- private section: owned by the store's implementation ----
+private:
+    // Stores text under prefix + name (text + NUL); an empty text stores nothing.
+    bool save_record(const std::string& prefix, const std::string& name, const std::string& text);
+
+    // Default values (layout of the whole-document store), read by load(); single-threaded use.
+    Json::Value m_json;
 };
 
 }  // namespace Configmanager
