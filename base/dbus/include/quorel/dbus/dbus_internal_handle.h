@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "quorel/dbus/dbus_callback.h"
@@ -51,11 +52,65 @@ public:
     static int32_t check_and_abort(DBusError* error);
 
     bool is_connected() const { return m_connected.load(std::memory_order_acquire); }
+    const std::string& name() const { return m_name; }
 
 protected:
     void threadProc() override;
 
-    // ---- private section: owned by the bus layer's implementation ----
+private:
+    struct BlockCallContext;
+    struct UnblockCallContext;
+    struct ConnectionCloser {
+        void operator()(DBusConnection* connection) const;
+    };
+    using ConnectionPtr = std::unique_ptr<DBusConnection, ConnectionCloser>;
+
+    int32_t claim_bus(DBusConnection* connection);
+    void release_name(DBusConnection* connection);
+    // Sends on the current connection; false when there is none or libdbus refuses the message.
+    bool send_message(DBusMessage* message, uint32_t* serial) EXCLUDES(m_connection_mutex);
+    void abort_pending_calls() EXCLUDES(m_mutex);
+
+    // Reader thread only.
+    void dispatch(DBusMessage* message);
+    void handle_method_call(DBusMessage* message);
+    void handle_signal(DBusMessage* message);
+    void handle_return_method(DBusMessage* message) EXCLUDES(m_mutex);
+    void handle_error_method(DBusMessage* message);
+    void feed_dog_if_due(uint64_t& last_feed);
+    CDBusSignal build_feed_dog(const std::string& name, const std::string& path, const std::string& id,
+                               int32_t value) const;
+
+    // Set at construction.
+    CDBusServer* const m_server;
+    const std::string m_address;
+    const std::string m_name;
+    const std::list<std::string> m_match_rules;
+
+    // Written by connect_to_bus, disconnect and the reader when its loop ends; read by every
+    // caller without a lock.
+    std::atomic<bool> m_connected{false};
+
+    // The pointer changes only while the reader is not running (connect_to_bus before starting
+    // it, disconnect after stopping it), so the reader keeps a plain copy; every other sender
+    // takes this lock so that disconnect cannot close the connection under it.
+    Platform::CMutex m_connection_mutex;
+    ConnectionPtr m_connection GUARDED_BY(m_connection_mutex);
+
+    // Outstanding outgoing calls by serial. A request is sent and registered under this one lock,
+    // so the reader (which matches under it too) never sees a reply before its context. The
+    // block-call contexts belong to their waiting block_call; the table owns the others.
+    Platform::CMutex m_mutex;
+    std::map<uint32_t, BlockCallContext*> m_block_calls GUARDED_BY(m_mutex);
+    std::map<uint32_t, std::unique_ptr<UnblockCallContext>> m_unblock_calls GUARDED_BY(m_mutex);
+
+    // Watchdog feeding: set_watchdog and disconnect write these at any time while the reader reads
+    // them once per loop turn. The interval (0 = no feeding) is atomic; the two strings are read
+    // only when a feed is due, so a small lock of their own is cheap.
+    std::atomic<int32_t> m_watchdog_interval{0};
+    Platform::CMutex m_watchdog_mutex;
+    std::string m_watchdog_path GUARDED_BY(m_watchdog_mutex);
+    std::string m_watchdog_id GUARDED_BY(m_watchdog_mutex);
 };
 
 }  // namespace DBus

@@ -4,6 +4,10 @@
 // message_request, message_signal and message_error run on the handle's reader thread, one
 // message at a time. To answer a request later, clear need_reply, keep a copy of reply and send it
 // with send_dbus_reply. Never block_call from those three operations.
+//
+// A derived class disconnects in its own destructor (or stop operation): once it is gone, the
+// reader thread must not deliver anything more to it. Callbacks aborted by disconnect (status 1)
+// run on the disconnecting thread with the handle's lock held and must not call back into it.
 #ifndef QUOREL_DBUS_DBUS_SERVER_H
 #define QUOREL_DBUS_DBUS_SERVER_H
 
@@ -39,6 +43,8 @@ public:
     int32_t block_call(CDBusMessage& request, CDBusMessage& reply, uint32_t timeout_ms);
     int32_t unblock_call(CDBusMessage& request, void* user_data, const DBusCallback& callback);
     bool send_dbus_reply(CDBusMessage& reply);
+    // True between a successful connect_to_bus and disconnect or the loss of the bus.
+    bool is_connected() const;
 
     static bool validate_bus_name(const std::string& name);
 
