@@ -26,33 +26,10 @@ constexpr const char kLogFile[] = "core-services/config-manager/common/security/
 
 using namespace Quorel::Iot::Keychain;
 
-struct ConnectionCloser {
-    void operator()(DBusConnection* connection) const {
-        dbus_connection_close(connection);
-        dbus_connection_unref(connection);
-    }
-};
-using ConnectionPtr = std::unique_ptr<DBusConnection, ConnectionCloser>;
-
 struct MessageUnref {
     void operator()(DBusMessage* message) const { dbus_message_unref(message); }
 };
 using MessagePtr = std::unique_ptr<DBusMessage, MessageUnref>;
-
-class CBusError {
-public:
-    CBusError() { dbus_error_init(&m_error); }
-    ~CBusError() { dbus_error_free(&m_error); }
-    CBusError(const CBusError&) = delete;
-    CBusError& operator=(const CBusError&) = delete;
-
-    DBusError* get() { return &m_error; }
-    bool is_set() const { return dbus_error_is_set(&m_error); }
-    const char* message() const { return m_error.message; }
-
-private:
-    DBusError m_error;
-};
 
 // --- process-wide client state ---
 // The mutex lives as long as the process rather than from kc_init to kc_deinit, so a call made
@@ -162,7 +139,7 @@ int32_t exchange(const CCallShape& shape, const std::vector<CPart>& parts, uint8
         reply.reset(dbus_connection_send_with_reply_and_block(g_connection.get(), call.get(), -1, error.get()));
     }
     if (error.is_set() || !reply) {
-        KC_LOG(shape.function, "dbus error (%s)\n", error.is_set() ? error.message() : "no reply");
+        KC_LOG(shape.function, "dbus error (%s)\n", error.message());
         return KC_SUCCESS;
     }
     return decode(reply.get(), output_area);

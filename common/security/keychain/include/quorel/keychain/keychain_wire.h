@@ -1,6 +1,6 @@
 // The keychain wire protocol as both ends see it: bus addressing, the bus address of the gateway,
-// and the service's side of the shared-memory transfers (attaching a client's segment, reading its
-// parts, answering kcGetKey).
+// RAII for the libdbus handles both ends hold, and the service's side of the shared-memory transfers (attaching a
+// client's segment, reading its parts, answering kcGetKey).
 //
 // Header-only on purpose: the development keychain service and the test fake speak the protocol
 // without linking the client library. All functions run on the caller's thread; a
@@ -17,6 +17,7 @@
 #include <sys/shm.h>
 
 #include <initializer_list>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -46,6 +47,31 @@ inline std::string bus_address() {
     const char* overridden = getenv(kBusAddressVariable);
     return overridden != nullptr && overridden[0] != '\0' ? overridden : kDefaultBusAddress;
 }
+
+// A private connection, closed then released when dropped.
+struct CConnectionCloser {
+    void operator()(DBusConnection* connection) const {
+        dbus_connection_close(connection);
+        dbus_connection_unref(connection);
+    }
+};
+using ConnectionPtr = std::unique_ptr<DBusConnection, CConnectionCloser>;
+
+// A DBusError freed on every path.
+class CBusError {
+public:
+    CBusError() { dbus_error_init(&m_error); }
+    ~CBusError() { dbus_error_free(&m_error); }
+    CBusError(const CBusError&) = delete;
+    CBusError& operator=(const CBusError&) = delete;
+
+    DBusError* get() { return &m_error; }
+    bool is_set() const { return dbus_error_is_set(&m_error); }
+    const char* message() const { return is_set() ? m_error.message : "unknown"; }
+
+private:
+    DBusError m_error;
+};
 
 // A System V segment attached for the lifetime of this object (detached on destruction).
 class CAttachedSegment {
