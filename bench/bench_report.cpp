@@ -1,0 +1,133 @@
+#include "bench_report.h"
+
+#include <sys/utsname.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cmath>
+
+#include "bench_fixture.h"
+
+namespace Quorel {
+namespace Iot {
+namespace Bench {
+
+namespace {
+
+std::string format_value(double value) {
+    char buffer[64];
+    if (std::fabs(value) >= 100 || value == std::floor(value)) {
+        snprintf(buffer, sizeof(buffer), "%.0f", value);
+    } else if (std::fabs(value) >= 10) {
+        snprintf(buffer, sizeof(buffer), "%.1f", value);
+    } else {
+        snprintf(buffer, sizeof(buffer), "%.2f", value);
+    }
+    return buffer;
+}
+
+Json::Value host_description() {
+    Json::Value host;
+    struct utsname names;
+    if (uname(&names) == 0) {
+        host["kernel"] = std::string(names.sysname) + " " + names.release;
+        host["machine"] = names.machine;
+    }
+    host["cpus"] = static_cast<Json::Int64>(sysconf(_SC_NPROCESSORS_ONLN));
+    char stamp[64];
+    const time_t now = time(nullptr);
+    struct tm utc;
+    gmtime_r(&now, &utc);
+    strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%SZ", &utc);
+    host["time"] = stamp;
+    return host;
+}
+
+}  // namespace
+
+CReport::CFigure* CReport::find(const std::string& id) {
+    for (CFigure& f : m_figures) {
+        if (f.id == id) return &f;
+    }
+    return nullptr;
+}
+
+void CReport::figure(const std::string& id, const std::string& label, double value, const std::string& unit,
+                     const std::string& detail) {
+    CFigure f;
+    f.id = id;
+    f.label = label;
+    f.value = value;
+    f.unit = unit;
+    f.detail = detail;
+    m_figures.push_back(f);
+}
+
+void CReport::ratio(const std::string& id, double baseline) {
+    CFigure* f = find(id);
+    if (f == nullptr || baseline <= 0) return;
+    f->has_ratio = true;
+    f->baseline = baseline;
+    f->ratio = f->value / baseline;
+}
+
+void CReport::target(const std::string& id, const std::string& text, bool pass) {
+    CFigure* f = find(id);
+    if (f == nullptr) return;
+    f->has_target = true;
+    f->target = text;
+    f->pass = pass;
+}
+
+void CReport::problem(const std::string& text) { m_problems.push_back(text); }
+
+int CReport::misses() const {
+    int count = static_cast<int>(m_problems.size());
+    for (const CFigure& f : m_figures) {
+        if (f.has_target && !f.pass) ++count;
+    }
+    return count;
+}
+
+void CReport::print(FILE* out) const {
+    fprintf(out, "\n%-44s %12s %-8s %9s  %-22s %s\n", "figure", "value", "unit", "ratio", "target", "result");
+    for (const CFigure& f : m_figures) {
+        const std::string ratio = f.has_ratio ? format_value(f.ratio) + "x" : "";
+        fprintf(out, "%-44s %12s %-8s %9s  %-22s %s\n", f.label.c_str(), format_value(f.value).c_str(), f.unit.c_str(),
+                ratio.c_str(), f.target.c_str(), f.has_target ? (f.pass ? "PASS" : "MISS") : "");
+        if (!f.detail.empty()) fprintf(out, "    %s\n", f.detail.c_str());
+    }
+    for (const std::string& p : m_problems) fprintf(out, "PROBLEM: %s\n", p.c_str());
+    fprintf(out, "\n%d target(s) missed or not measured\n", misses());
+}
+
+bool CReport::write(const std::string& path, std::string& error) const {
+    Json::Value root;
+    root["host"] = host_description();
+    Json::Value& figures = root["figures"];
+    figures = Json::Value(Json::objectValue);
+    for (const CFigure& f : m_figures) {
+        Json::Value& j = figures[f.id];
+        j["label"] = f.label;
+        j["value"] = f.value;
+        j["unit"] = f.unit;
+        if (!f.detail.empty()) j["detail"] = f.detail;
+        if (f.has_ratio) {
+            j["baseline"] = f.baseline;
+            j["ratio"] = f.ratio;
+        }
+        if (f.has_target) {
+            j["target"] = f.target;
+            j["pass"] = f.pass;
+        }
+    }
+    Json::Value problems(Json::arrayValue);
+    for (const std::string& p : m_problems) problems.append(p);
+    root["problems"] = problems;
+    root["details"] = m_details;
+    return write_text_file(path, Json::writeString(Json::StreamWriterBuilder(), root) + "\n", error);
+}
+
+}  // namespace Bench
+}  // namespace Iot
+}  // namespace Quorel

@@ -1,0 +1,74 @@
+// One benchmark run: the private bus, the services under test, the baseline responders, and
+// the measurements, in the order they are printed.
+#ifndef QUOREL_BENCH_BENCH_RUN_H
+#define QUOREL_BENCH_BENCH_RUN_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bench_bus.h"
+#include "bench_load.h"
+#include "bench_monitor.h"
+#include "bench_process.h"
+#include "bench_report.h"
+#include "bench_stack.h"
+
+namespace Quorel {
+namespace Iot {
+namespace Bench {
+
+struct COptions {
+    std::string out = "bench-results.json";
+    std::string config_manager;
+    std::string keychain_devd;
+    bool quick = false;  // short measurements and no 100,000-key run: a smoke test of the harness
+    bool keep = false;   // keep the work directory with the services' logs
+};
+
+// One line on standard error, so a long run shows where it is.
+void progress(const std::string& what);
+
+class CBenchRun {
+public:
+    CBenchRun(const COptions& options, const std::string& address, const std::string& work_dir);
+    // Returns the process exit status: 0 when every figure was measured (targets may miss), 2
+    // when some could not be.
+    int run();
+
+private:
+    // Round trips against a 1,000-key store.
+    bool prepare_round_trips();
+    void measure_round_trips();
+    void measure_observed_sets();
+    void measure_keychain_writes();
+    void add_round_trips(const std::string& id, const std::string& label, const CPair<CRoundTrips>& pair,
+                         const std::string& more);
+    // Restarts with 1,000 / 10,000 / 100,000 keys.
+    void measure_scaling();
+    void measure_queries(size_t keys, Json::Value& details);
+
+    CCallFactory echo_get() const;
+    CCallFactory service_get() const;
+    CCallFactory service_set(const std::string& key);
+    bool start_responder(CChildProcess& child, const std::vector<std::string>& args);
+
+    COptions m_options;
+    std::string m_address;
+    std::string m_work_dir;
+    CLoadPlan m_plan;
+    CReport m_report;
+    CServiceStack m_stack;
+    CKeychainWriteCounter m_writes;
+    CConnection m_client;
+    CChildProcess m_echo;
+    std::vector<std::unique_ptr<CChildProcess>> m_observers;
+    std::vector<std::string> m_observer_names;
+    uint64_t m_set_counter = 0;
+};
+
+}  // namespace Bench
+}  // namespace Iot
+}  // namespace Quorel
+
+#endif
