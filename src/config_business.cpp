@@ -23,7 +23,11 @@ CConfigBusiness::CConfigBusiness(const std::string& address, const std::string& 
                                  const std::list<std::string>& rules)
     : DBus::CDBusServer(address, name, rules), m_started(false), m_notify_serial(0) {}
 
-CConfigBusiness::~CConfigBusiness() { stop(); }
+CConfigBusiness::~CConfigBusiness() {
+    stop();
+    // The reader thread must be gone before the members it uses are.
+    disconnect();
+}
 
 bool CConfigBusiness::start(const std::string& path) {
     if (m_started) return true;

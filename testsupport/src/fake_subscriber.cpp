@@ -13,7 +13,8 @@ CFakeSubscriber::CFakeSubscriber(const std::string& address, const std::string& 
 CFakeSubscriber::~CFakeSubscriber() {
     // The dispatch thread must be gone before the held calls are released.
     stop();
-    for (DBusMessage* call : m_held) dbus_message_unref(call);
+    for (DBusMessage* call : m_held)
+        if (call != nullptr) dbus_message_unref(call);
 }
 
 std::string CFakeSubscriber::object_path_of(const std::string& name) {
