@@ -155,34 +155,27 @@ void CConfigBusiness::handle_get_with_ts(DBus::CDBusMethodCall& request, DBus::C
     reply.set_uint64(ts);
 }
 
-void CConfigBusiness::handle_get_config_batch(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply) {
+void CConfigBusiness::handle_get_key(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply, PatternQuery query,
+                                     const char* result_label) {
     int32_t code = kNotEvaluated;
     std::string key;
     std::string result;
-    if (request.get_string(key)) code = m_file_manager.get_config_batch(key, result) ? kOk : kNotFound;
-    QLOG(1, "handle_get_key, key:%s, value:%s", key.c_str(), result.c_str());
+    if (request.get_string(key)) code = (m_file_manager.*query)(key, result) ? kOk : kNotFound;
+    QLOG(1, "handle_get_key, key:%s, %s:%s", key.c_str(), result_label, result.c_str());
     reply.set_int32(code);
     reply.set_string(result);
+}
+
+void CConfigBusiness::handle_get_config_batch(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply) {
+    handle_get_key(request, reply, &CConfigFileManagerFullamount::get_config_batch, "value");
 }
 
 void CConfigBusiness::handle_get_config_batch_with_ts(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply) {
-    int32_t code = kNotEvaluated;
-    std::string key;
-    std::string result;
-    if (request.get_string(key)) code = m_file_manager.get_config_batch_with_ts(key, result) ? kOk : kNotFound;
-    QLOG(1, "handle_get_key, key:%s, value:%s", key.c_str(), result.c_str());
-    reply.set_int32(code);
-    reply.set_string(result);
+    handle_get_key(request, reply, &CConfigFileManagerFullamount::get_config_batch_with_ts, "value");
 }
 
 void CConfigBusiness::handle_get_keylist(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply) {
-    int32_t code = kNotEvaluated;
-    std::string key;
-    std::string result;
-    if (request.get_string(key)) code = m_file_manager.get_config_keylist(key, result) ? kOk : kNotFound;
-    QLOG(1, "handle_get_key, key:%s, keylist:%s", key.c_str(), result.c_str());
-    reply.set_int32(code);
-    reply.set_string(result);
+    handle_get_key(request, reply, &CConfigFileManagerFullamount::get_config_keylist, "keylist");
 }
 
 void CConfigBusiness::handle_set(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply, bool& need_reply) {

@@ -46,6 +46,13 @@ std::string CConfigBusiness::make_object_path(const std::string& bus_name) {
     return path;
 }
 
+bool CConfigBusiness::is_callable_name(const std::string& bus_name) {
+    // libdbus treats an invalid path or interface in a message as a programming error, so names
+    // are checked before any message is built for them.
+    return validate_bus_name(bus_name) && dbus_validate_path(make_object_path(bus_name).c_str(), nullptr) &&
+           dbus_validate_interface(bus_name.c_str(), nullptr);
+}
+
 void CConfigBusiness::handle_subscribe(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply) {
     std::string dbus_name;
     std::string key;
@@ -59,11 +66,9 @@ void CConfigBusiness::handle_subscribe(DBus::CDBusMethodCall& request, DBus::CDB
         reply.set_int32(kBadType);
         return;
     }
-    // A name that is a valid bus name but gives no valid object path or interface (a unique name,
-    // a hyphen) could never be called back, and an owner of that kind would block every set.
-    const std::string path = make_object_path(dbus_name);
-    if (!validate_bus_name(dbus_name) || !dbus_validate_path(path.c_str(), nullptr) ||
-        !dbus_validate_interface(dbus_name.c_str(), nullptr)) {
+    // A valid bus name that gives no valid object path or interface (a unique name, a hyphen)
+    // could never be called back, and an owner of that kind would block every set of its key.
+    if (!is_callable_name(dbus_name)) {
         reply.set_int32(kBadName);
         return;
     }
@@ -141,14 +146,9 @@ bool CConfigBusiness::has_owner(const std::string& key) {
 
 bool CConfigBusiness::send_notify(const std::string& dbus_name, const std::string& key, const std::string& value,
                                   void* user_data, const DBus::DBusCallback& done) {
-    const std::string path = make_object_path(dbus_name);
-    // libdbus treats an invalid path or interface as a programming error; a map loaded from the
-    // store may still hold such a name.
-    if (!dbus_validate_path(path.c_str(), nullptr) || !dbus_validate_interface(dbus_name.c_str(), nullptr) ||
-        !validate_bus_name(dbus_name)) {
-        return false;
-    }
-    DBus::CDBusMethodCall call(dbus_name, path, dbus_name, "notify_config");
+    // A map loaded from the store (or edited by debug_subscribe) may still hold an uncallable name.
+    if (!is_callable_name(dbus_name)) return false;
+    DBus::CDBusMethodCall call(dbus_name, make_object_path(dbus_name), dbus_name, "notify_config");
     if (!call.set_string(key) || !call.set_string(value)) return false;
     return unblock_call(call, user_data, done) == 0;
 }

@@ -57,6 +57,8 @@ public:
 
     // Object path at which a subscriber serves "notify_config": "/" + name with "." → "/".
     static std::string make_object_path(const std::string& bus_name);
+    // A valid bus name that also gives a valid object path and interface, so it can be called.
+    static bool is_callable_name(const std::string& bus_name);
 
     // Subscription types of "subscribe_config".
     static constexpr int32_t kOwner = 0;
@@ -80,6 +82,10 @@ private:
     void handle_get_config_batch(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply);
     void handle_get_config_batch_with_ts(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply);
     void handle_get_keylist(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply);
+    // The shape the three pattern queries share: (i code, s result of the store query).
+    using PatternQuery = bool (CConfigFileManagerFullamount::*)(const std::string&, std::string&);
+    void handle_get_key(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply, PatternQuery query,
+                        const char* result_label);
     void handle_subscribe(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply);
     void handle_unsubscribe(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply);
 
