@@ -6,6 +6,7 @@
 #include <memory>
 #include <sstream>
 
+#include "config_business_codes.h"
 #include "quorel/configmanager/config_business.h"
 #include "quorel/log/log.h"
 
@@ -15,13 +16,7 @@ namespace Configmanager {
 
 namespace {
 constexpr const char kLogFile[] = "core-services/config-manager/src/config_business";
-
-constexpr int32_t kOk = 0;
-constexpr int32_t kNotEvaluated = 100000;
-constexpr int32_t kBadArguments = 100001;
-constexpr int32_t kNotFound = 100100;
-constexpr int32_t kStoreRefused = 100101;
-constexpr int32_t kOwnerUnreachable = 100102;
+using namespace BusinessCode;
 
 // Written as indented XML and sent as one line (every line break becomes a space); clients parse
 // it as XML, and the leading space is part of what they have always received. Only four of the

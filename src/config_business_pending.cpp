@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "config_business_codes.h"
 #include "quorel/configmanager/config_business.h"
 #include "quorel/log/log.h"
 
@@ -11,9 +12,7 @@ namespace Configmanager {
 
 namespace {
 constexpr const char kLogFile[] = "core-services/config-manager/src/config_business";
-
-constexpr int32_t kOwnerFailed = 100000;  // the owner's completion was not a method return
-constexpr int32_t kOwnerNoCode = 100103;  // the owner's method return carried no leading int32
+using namespace BusinessCode;
 }  // namespace
 
 void CConfigBusiness::defer_reply(uint64_t serial, const DBus::CDBusMethodReturn& reply, const std::string& key,
@@ -36,7 +35,7 @@ void CConfigBusiness::callback(uint32_t status, DBus::CDBusMessage* message, voi
     // The bus layer gave up on the call (disconnecting): the caller runs into its own time limit.
     if (status != 0) return;
 
-    int32_t code = kOwnerFailed;
+    int32_t code = kNotEvaluated;  // an error reply keeps this
     if (message != nullptr && message->get_type() == DBUS_MESSAGE_TYPE_METHOD_RETURN && !message->get_int32(code)) {
         code = kOwnerNoCode;
     }

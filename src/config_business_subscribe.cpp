@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "config_business_codes.h"
 #include "quorel/configmanager/config_business.h"
 #include "quorel/log/log.h"
 
@@ -19,13 +20,7 @@ constexpr const char kLogFile[] = "core-services/config-manager/src/config_busin
 constexpr const char kMetadataName[] = "subscribe";
 constexpr const char kAllKeys[] = "*";
 constexpr const char kLoggerName[] = "iot.gateway.logger";
-
-constexpr int32_t kOk = 0;
-constexpr int32_t kBadArguments = 100001;
-constexpr int32_t kBadType = 100104;
-constexpr int32_t kRefused = 100105;
-constexpr int32_t kBadName = 100106;
-constexpr int32_t kNotSubscribed = 100107;
+using namespace BusinessCode;
 
 // The subscribers of key, or null when the map has none (a map loaded from the store may hold
 // anything, so every level is checked before use).
