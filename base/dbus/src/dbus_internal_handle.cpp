@@ -75,8 +75,26 @@ int32_t CDBusInternalHandle::connect_to_bus() {
     // Losing the bus must reach message_error so that the service shuts down in order, instead of
     // libdbus ending the process.
     dbus_connection_set_exit_on_disconnect(connection.get(), FALSE);
-    const int32_t result = claim_bus(connection.get());
-    if (result != 0) return result;  // the guard closes the connection
+    // From here on every failure leaves through the connection's guard, which closes it.
+    const dbus_bool_t registered = dbus_bus_register(connection.get(), error.get());
+    if (check_and_abort(error.get()) != 0 || !registered) {
+        QLOG(3, "dbus register fail.");
+        return -3;
+    }
+    const int reply = dbus_bus_request_name(connection.get(), m_name.c_str(), 0, error.get());
+    if (check_and_abort(error.get()) != 0 || reply != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) {
+        // A queued request disappears with the connection, so there is nothing to release.
+        QLOG(3, "dbus request name fail, name:%s.", m_name.c_str());
+        return -4;
+    }
+    for (const std::string& rule : m_match_rules) {
+        dbus_bus_add_match(connection.get(), rule.c_str(), error.get());
+        if (check_and_abort(error.get()) != 0) {
+            QLOG(3, "dbus add match fail, rule:%s.", rule.c_str());
+            release_name(connection.get());
+            return -5;
+        }
+    }
 
     DBusConnection* const raw = connection.get();
     {
@@ -95,30 +113,6 @@ int32_t CDBusInternalHandle::connect_to_bus() {
         return -6;
     }
     QLOG(1, "connect to bus success, address:%s, name:%s.", m_address.c_str(), m_name.c_str());
-    return 0;
-}
-
-int32_t CDBusInternalHandle::claim_bus(DBusConnection* connection) {
-    CDBusErrorGuard error;
-    const dbus_bool_t registered = dbus_bus_register(connection, error.get());
-    if (check_and_abort(error.get()) != 0 || !registered) {
-        QLOG(3, "dbus register fail.");
-        return -3;
-    }
-    const int reply = dbus_bus_request_name(connection, m_name.c_str(), 0, error.get());
-    if (check_and_abort(error.get()) != 0 || reply != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) {
-        // A queued request disappears with the connection, so there is nothing to release.
-        QLOG(3, "dbus request name fail, name:%s.", m_name.c_str());
-        return -4;
-    }
-    for (const std::string& rule : m_match_rules) {
-        dbus_bus_add_match(connection, rule.c_str(), error.get());
-        if (check_and_abort(error.get()) != 0) {
-            QLOG(3, "dbus add match fail, rule:%s.", rule.c_str());
-            release_name(connection);
-            return -5;
-        }
-    }
     return 0;
 }
 
@@ -263,7 +257,9 @@ void CDBusInternalHandle::threadProc() {
         while (m_connected.load(std::memory_order_acquire)) {
             DBusMessage* message = dbus_connection_pop_message(connection);
             if (message == nullptr) break;
-            dispatch(message);
+            if (!dispatch(message)) {
+                QLOG(3, "dbus read a unknow message, type:%d.", dbus_message_get_type(message));
+            }
             dbus_message_unref(message);
         }
     }
@@ -271,7 +267,7 @@ void CDBusInternalHandle::threadProc() {
     QLOG(1, "threadProc, dbus end loop read message.");
 }
 
-void CDBusInternalHandle::dispatch(DBusMessage* message) {
+bool CDBusInternalHandle::dispatch(DBusMessage* message) {
     // The service's handlers are ours to call, not libdbus's, but an exception escaping them would
     // end the reader thread and with it the service; log it and go on with the next message.
     try {
@@ -290,12 +286,12 @@ void CDBusInternalHandle::dispatch(DBusMessage* message) {
                 handle_error_method(message);
                 break;
             default:
-                QLOG(3, "dbus read a unknow message, type:%d.", type);
-                break;
+                return false;
         }
     } catch (const std::exception& e) {
         QLOG(3, "dispatch, exception:%s.", e.what());
     }
+    return true;
 }
 
 void CDBusInternalHandle::handle_method_call(DBusMessage* message) {

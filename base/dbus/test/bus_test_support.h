@@ -31,20 +31,14 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         m_responder = std::move(responder);
     }
-
     void message_request(DBus::CDBusMethodCall& request, DBus::CDBusMethodReturn& reply, bool& need_reply) override {
-        Responder responder;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_requests.push_back(request.get_member());
-            responder = m_responder;
-        }
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_requests.push_back(request.get_member());
+        Responder responder = m_responder;
+        lock.unlock();
         if (responder) responder(request, reply, need_reply);
     }
-    void message_signal(DBus::CDBusSignal& signal) override {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_signals.push_back(signal.get_member());
-    }
+    void message_signal(DBus::CDBusSignal&) override {}
     void message_error(int32_t code) override {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_errors.push_back(code);
@@ -53,10 +47,6 @@ public:
     std::vector<std::string> requests() const {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_requests;
-    }
-    std::vector<std::string> signals() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_signals;
     }
     std::vector<int32_t> errors() const {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -67,7 +57,6 @@ private:
     mutable std::mutex m_mutex;
     Responder m_responder;                // guarded by m_mutex
     std::vector<std::string> m_requests;  // guarded by m_mutex
-    std::vector<std::string> m_signals;   // guarded by m_mutex
     std::vector<int32_t> m_errors;        // guarded by m_mutex
 };
 
@@ -88,7 +77,7 @@ public:
 
     bool connected() const { return m_connection != nullptr; }
 
-    // Takes over request; the reply (or error reply) is recorded, a failed call gives type 0.
+    // Takes over request; a failed call gives a record of type 0.
     CRecordedMessage call(DBusMessage* request, int timeout_ms = 5000) {
         CRecordedMessage recorded;
         if (DBusMessage* reply = exchange(request, timeout_ms)) {
@@ -124,16 +113,12 @@ public:
     }
 
 private:
-    // Takes over request; returns the reply (the caller unrefs it) or null.
+    // Takes over request; returns the reply (the caller unrefs it), or null after an error reply.
     DBusMessage* exchange(DBusMessage* request, int timeout_ms) {
-        DBusMessage* reply = nullptr;
-        DBusPendingCall* pending = nullptr;
-        if (m_connection != nullptr && dbus_connection_send_with_reply(m_connection, request, &pending, timeout_ms) &&
-            pending != nullptr) {
-            dbus_pending_call_block(pending);
-            reply = dbus_pending_call_steal_reply(pending);
-            dbus_pending_call_unref(pending);
-        }
+        DBusError error;
+        dbus_error_init(&error);
+        DBusMessage* reply = dbus_connection_send_with_reply_and_block(m_connection, request, timeout_ms, &error);
+        dbus_error_free(&error);
         dbus_message_unref(request);
         return reply;
     }

@@ -33,29 +33,25 @@ struct CCompletions {
         void* user_data;
     };
     std::mutex mutex;
-    std::vector<Entry> entries;
+    std::vector<Entry> entries;  // guarded by mutex
 
-    static void record(uint32_t status, CDBusMessage* reply, void* user_data);
+    void record(uint32_t status, CDBusMessage* reply, void* user_data) {
+        std::string text;
+        reply->get_string(text);
+        std::lock_guard<std::mutex> lock(mutex);
+        entries.push_back({status, reply->get_type(), text, user_data});
+    }
+    DBusCallback callback() { return DBusCallback(this, &CCompletions::record); }
     size_t size() {
         std::lock_guard<std::mutex> lock(mutex);
         return entries.size();
     }
 };
 
-CCompletions* g_completions = nullptr;
-
-void CCompletions::record(uint32_t status, CDBusMessage* reply, void* user_data) {
-    std::string text;
-    reply->get_string(text);
-    std::lock_guard<std::mutex> lock(g_completions->mutex);
-    g_completions->entries.push_back({status, reply->get_type(), text, user_data});
-}
-
 class AHandle : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(bus.start());
-        g_completions = &completions;
         peer = std::make_unique<CFakeService>(bus.address(), kPeerName);
         server = std::make_unique<CRecordingServer>(bus.address(), kServerName);
         peer->on("echo", [](DBusMessage* call) {
@@ -68,10 +64,6 @@ protected:
         probe = std::make_unique<CBusProbe>(bus.address());
         ASSERT_TRUE(probe->connected());
         ASSERT_EQ(server->connect_to_bus(), 0);
-    }
-    void TearDown() override {
-        server.reset();
-        g_completions = nullptr;
     }
 
     static CDBusMethodCall peer_call(const std::string& member, const std::string& argument = "") {
@@ -110,27 +102,15 @@ TEST_F(AHandle, LeavesNothingOpenWhenItsNameBelongsToAnother) {
     EXPECT_EQ(other.connect_to_bus(), 0);
 }
 
-TEST_F(AHandle, ReportsAnAddressWithoutABus) {
+TEST_F(AHandle, ReportsFailuresToOpenAndToAddAMatchRuleWithTheirCodes) {
     CRecordingServer lost("unix:path=/nonexistent/bus_socket", "iot.test.lost");
     EXPECT_EQ(lost.connect_to_bus(), -2);
     EXPECT_TRUE(log.contains("dbus connection open fail, address:unix:path=/nonexistent/bus_socket."));
     EXPECT_EQ(log.count_containing("dbus error:"), 1u);
-}
-
-TEST_F(AHandle, ReleasesItsNameWhenAMatchRuleIsRefused) {
     CRecordingServer picky(bus.address(), "iot.test.picky", {"type='signal'", "type='nonsense'"});
     EXPECT_EQ(picky.connect_to_bus(), -5);
     EXPECT_TRUE(log.contains("dbus add match fail, rule:type='nonsense'."));
     EXPECT_EQ(probe->name_owner("iot.test.picky"), "");
-}
-
-TEST_F(AHandle, ReturnsTheAnswerOfABlockingCall) {
-    CDBusMethodCall request = peer_call("echo", "hello");
-    CDBusMethodReturn reply(nullptr);
-    EXPECT_EQ(server->block_call(request, reply, 2000), 0);
-    std::string text;
-    EXPECT_TRUE(reply.get_string(text));
-    EXPECT_EQ(text, "hello");
 }
 
 TEST_F(AHandle, GivesUpABlockingCallAfterItsTimeoutRoundedToFiftyMilliseconds) {
@@ -145,10 +125,15 @@ TEST_F(AHandle, GivesUpABlockingCallAfterItsTimeoutRoundedToFiftyMilliseconds) {
     EXPECT_TRUE(reply.empty());
 }
 
-TEST_F(AHandle, HandsAnErrorReplyToTheBlockingCaller) {
-    CDBusMethodCall request = peer_call("fail");
+TEST_F(AHandle, HandsTheAnswerOrTheErrorReplyToTheBlockingCaller) {
+    CDBusMethodCall request = peer_call("echo", "hello");
     CDBusMethodReturn reply(nullptr);
-    EXPECT_EQ(server->block_call(request, reply, 2000), -5);
+    std::string text;
+    EXPECT_EQ(server->block_call(request, reply, 2000), 0);
+    EXPECT_TRUE(reply.get_string(text));
+    EXPECT_EQ(text, "hello");
+    CDBusMethodCall failing = peer_call("fail");
+    EXPECT_EQ(server->block_call(failing, reply, 2000), -5);
     EXPECT_EQ(reply.get_error_name(), "iot.test.Error");
     EXPECT_TRUE(log.contains("handle_error_method, name:iot.test.Error."));
 }
@@ -170,7 +155,7 @@ TEST_F(AHandle, CompletesEachPendingNonBlockingCallOnceOnDisconnect) {
     int tokens[3] = {0, 1, 2};
     for (int& token : tokens) {
         CDBusMethodCall request = peer_call("silent");
-        ASSERT_EQ(server->unblock_call(request, &token, DBusCallback(&CCompletions::record)), 0);
+        ASSERT_EQ(server->unblock_call(request, &token, completions.callback()), 0);
     }
     ASSERT_TRUE(peer->wait_for_count("silent", 3));
     server->disconnect();
@@ -206,7 +191,7 @@ TEST_F(AHandle, LetsACompletionIssueTheNextCall) {
 
 TEST_F(AHandle, DropsAReplyNobodyWaitsFor) {
     CDBusMethodCall request = peer_call("echo", "x");
-    ASSERT_EQ(server->unblock_call(request, nullptr, DBusCallback(&CCompletions::record)), 0);
+    ASSERT_EQ(server->unblock_call(request, nullptr, completions.callback()), 0);
     ASSERT_TRUE(wait_until([&] { return completions.size() == 1; }));
 
     DBusMessage* stray = dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN);
@@ -226,7 +211,7 @@ TEST_F(AHandle, RefusesCallsAndRepliesOnceDisconnected) {
     CDBusMethodReturn reply(nullptr);
     EXPECT_EQ(server->block_call(request, reply, 100), -1);
     EXPECT_TRUE(log.contains("block_call, dbus disconnected."));
-    EXPECT_EQ(server->unblock_call(request, nullptr, DBusCallback(&CCompletions::record)), -1);
+    EXPECT_EQ(server->unblock_call(request, nullptr, completions.callback()), -1);
     EXPECT_TRUE(log.contains("dbus already connected."));
     CDBusMethodReturn answer;
     EXPECT_FALSE(server->send_dbus_reply(answer));
@@ -276,10 +261,10 @@ TEST_F(AHandle, MatchesConcurrentRepliesToTheirCallers) {
     // answers an error beyond 128 pending replies per connection, so at most 64 are left open.
     int tokens[kCalls];
     for (int i = 0; i < kCalls; ++i) {
-        ASSERT_TRUE(wait_until([&] { return static_cast<int>(completions.size()) > i - 64; }));
+        EXPECT_TRUE(wait_until([&] { return static_cast<int>(completions.size()) > i - 64; }));
         tokens[i] = i;
         CDBusMethodCall request = peer_call("echo", "async:" + std::to_string(i));
-        ASSERT_EQ(server->unblock_call(request, &tokens[i], DBusCallback(&CCompletions::record)), 0);
+        EXPECT_EQ(server->unblock_call(request, &tokens[i], completions.callback()), 0);
     }
     // Waits without a deadline of their own: if anything hangs, disconnect releases them (-4).
     if (!wait_until([&] { return finished.load() == kThreads; }, std::chrono::seconds(60))) server->disconnect();

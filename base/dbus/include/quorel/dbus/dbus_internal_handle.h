@@ -6,6 +6,13 @@
 // CDBusServer's virtual operations, one at a time, in arrival order; a block_call made from that
 // thread can never complete (it ends by timeout).
 //
+// Threads: block_call, unblock_call and send_dbus_reply may be called from any thread; completions
+// of non-blocking calls run on the reader thread without the handle's lock (they may issue new
+// calls), or, when disconnect aborts them (status 1), on the disconnecting thread with the lock
+// held (they must not call back into the handle). disconnect must not be called from the reader
+// thread. After the bus is lost the reader reports message_error(-1) once and ends; the connection
+// is then left as it is until the handle is destroyed or connects again.
+//
 // Result codes: connect_to_bus 0 / -1 already connected / -2 open / -3 register / -4 name /
 // -5 match rule / -6 thread; block_call 0 / -1 not connected / -2 send / -3 timeout /
 // -4 aborted by disconnect / -5 error reply; unblock_call 0 / -1 not connected / -2 send.
@@ -65,14 +72,14 @@ private:
     };
     using ConnectionPtr = std::unique_ptr<DBusConnection, ConnectionCloser>;
 
-    int32_t claim_bus(DBusConnection* connection);
     void release_name(DBusConnection* connection);
     // Sends on the current connection; false when there is none or libdbus refuses the message.
     bool send_message(DBusMessage* message, uint32_t* serial) EXCLUDES(m_connection_mutex);
     void abort_pending_calls() EXCLUDES(m_mutex);
 
     // Reader thread only.
-    void dispatch(DBusMessage* message);
+    // False for a message type that has no handler.
+    bool dispatch(DBusMessage* message);
     void handle_method_call(DBusMessage* message);
     void handle_signal(DBusMessage* message);
     void handle_return_method(DBusMessage* message) EXCLUDES(m_mutex);
