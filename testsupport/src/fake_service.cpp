@@ -100,6 +100,12 @@ bool CFakeService::start() {
 void CFakeService::stop() {
     m_running = false;
     if (m_thread.joinable()) m_thread.join();
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (auto& awaited : m_awaited)
+            if (awaited.second != nullptr) dbus_message_unref(awaited.second);
+        m_awaited.clear();
+    }
     if (m_connection != nullptr) {
         dbus_connection_close(m_connection);
         dbus_connection_unref(m_connection);
@@ -126,7 +132,14 @@ void CFakeService::loop() {
         if (!dbus_connection_read_write(m_connection, 20)) break;
         while (DBusMessage* message = dbus_connection_pop_message(m_connection)) {
             const int type = dbus_message_get_type(message);
-            if (type == DBUS_MESSAGE_TYPE_METHOD_CALL || type == DBUS_MESSAGE_TYPE_SIGNAL) {
+            if (type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR) {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                auto it = m_awaited.find(dbus_message_get_reply_serial(message));
+                if (it != m_awaited.end() && it->second == nullptr) {
+                    it->second = dbus_message_ref(message);
+                    m_reply_arrived.notify_all();
+                }
+            } else if (type == DBUS_MESSAGE_TYPE_METHOD_CALL || type == DBUS_MESSAGE_TYPE_SIGNAL) {
                 CRecordedMessage record = record_message(message);
                 Handler handler;
                 {
@@ -150,13 +163,15 @@ void CFakeService::loop() {
 }
 
 DBusMessage* CFakeService::call(DBusMessage* request, int timeout_ms) {
-    DBusError error;
-    dbus_error_init(&error);
-    DBusMessage* reply = dbus_connection_send_with_reply_and_block(m_connection, request, timeout_ms, &error);
-    if (reply == nullptr && dbus_error_is_set(&error)) {
-        // Callers that need the error name ask for it with a plain send; a null reply is enough here.
-        dbus_error_free(&error);
-    }
+    std::unique_lock<std::mutex> lock(m_mutex);
+    dbus_uint32_t serial = 0;
+    // Registered under the lock before the dispatch thread can look for it.
+    if (!dbus_connection_send(m_connection, request, &serial)) return nullptr;
+    m_awaited[serial] = nullptr;
+    dbus_connection_flush(m_connection);
+    m_reply_arrived.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return m_awaited[serial] != nullptr; });
+    DBusMessage* reply = m_awaited[serial];
+    m_awaited.erase(serial);
     return reply;
 }
 

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -55,7 +56,9 @@ public:
     // Also receive signals addressed to anyone (adds an eavesdrop-free match rule for signals).
     bool add_match(const std::string& rule);
 
-    // Blocking call from the test thread; returns the reply (caller unrefs) or null.
+    // Blocking call from a test thread once started; returns the reply or error reply (caller
+    // unrefs) or null on timeout. The dispatch thread hands the reply over, since it pops every
+    // message of the connection.
     DBusMessage* call(DBusMessage* request, int timeout_ms = 5000);
     bool send(DBusMessage* message);
 
@@ -87,6 +90,9 @@ private:
     mutable std::mutex m_mutex;
     std::map<std::string, Handler> m_handlers;  // guarded by m_mutex
     std::vector<CRecordedMessage> m_received;   // guarded by m_mutex
+    // Replies awaited by call(), by request serial; null until the reply arrives.
+    std::map<uint32_t, DBusMessage*> m_awaited;  // guarded by m_mutex
+    std::condition_variable m_reply_arrived;
 };
 
 // Builds a method call with string / int32 / uint64 arguments appended in order.
