@@ -22,8 +22,10 @@ namespace {
 bool try_lock_elsewhere(CMutex& mutex) {
     bool taken = false;
     std::thread other([&] {
-        taken = mutex.try_lock();
-        if (taken) mutex.unlock();
+        if (mutex.try_lock()) {
+            taken = true;
+            mutex.unlock();
+        }
     });
     other.join();
     return taken;
