@@ -82,8 +82,9 @@ struct CSamples {
     CRoundTrips summary() const;
 };
 
-void sample_sequential(DBusConnection* connection, const CCallFactory& factory, const CLoadPlan& plan,
-                       CSamples& samples) {
+// Returns the round's calls per second.
+double sample_sequential(DBusConnection* connection, const CCallFactory& factory, const CLoadPlan& plan,
+                         CSamples& samples) {
     for (uint64_t i = 0; i < plan.warm_up; ++i) one_call(connection, factory);
     const Clock::time_point started = Clock::now();
     const Clock::time_point deadline = started + plan.duration;
@@ -96,15 +97,21 @@ void sample_sequential(DBusConnection* connection, const CCallFactory& factory, 
         samples.latencies_us.push_back(std::chrono::duration<double, std::micro>(now - before).count());
         ++calls;
     }
+    const double seconds = seconds_between(started, now);
     samples.calls += calls;
-    samples.seconds += seconds_between(started, now);
+    samples.seconds += seconds;
+    return seconds > 0 ? static_cast<double>(calls) / seconds : 0;
 }
 
-void add(CThroughput& total, const CThroughput& round) {
+double ratio_of(double measured, double baseline) { return baseline > 0 ? measured / baseline : 0; }
+
+// Adds the round and returns its calls per second.
+double add(CThroughput& total, const CThroughput& round) {
     total.calls += round.calls;
     total.failures += round.failures;
     total.seconds += round.seconds;
     total.calls_per_second = total.seconds > 0 ? static_cast<double>(total.calls) / total.seconds : 0;
+    return round.calls_per_second;
 }
 
 CLoadPlan round_plan(const CLoadPlan& plan, unsigned rounds, unsigned round) {
@@ -166,23 +173,26 @@ CPair<CRoundTrips> run_sequential_pair(DBusConnection* connection, const CCallFa
                                        const CCallFactory& measured, const CLoadPlan& plan, unsigned rounds) {
     CSamples baseline_samples;
     CSamples measured_samples;
+    std::vector<double> ratios;
     for (unsigned round = 0; round < rounds; ++round) {
         const CLoadPlan part = round_plan(plan, rounds, round);
-        sample_sequential(connection, baseline, part, baseline_samples);
-        sample_sequential(connection, measured, part, measured_samples);
+        const double base = sample_sequential(connection, baseline, part, baseline_samples);
+        ratios.push_back(ratio_of(sample_sequential(connection, measured, part, measured_samples), base));
     }
-    return {baseline_samples.summary(), measured_samples.summary()};
+    return {baseline_samples.summary(), measured_samples.summary(), median(ratios)};
 }
 
 CPair<CThroughput> run_pipelined_pair(DBusConnection* connection, const CCallFactory& baseline,
                                       const CCallFactory& measured, unsigned in_flight, const CLoadPlan& plan,
                                       unsigned rounds) {
     CPair<CThroughput> result;
+    std::vector<double> ratios;
     for (unsigned round = 0; round < rounds; ++round) {
         const CLoadPlan part = round_plan(plan, rounds, round);
-        add(result.baseline, run_pipelined(connection, baseline, in_flight, part));
-        add(result.measured, run_pipelined(connection, measured, in_flight, part));
+        const double base = add(result.baseline, run_pipelined(connection, baseline, in_flight, part));
+        ratios.push_back(ratio_of(add(result.measured, run_pipelined(connection, measured, in_flight, part)), base));
     }
+    result.ratio = median(ratios);
     return result;
 }
 

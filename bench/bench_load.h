@@ -48,11 +48,13 @@ CThroughput run_pipelined(DBusConnection* connection, const CCallFactory& factor
                           const CLoadPlan& plan);
 
 // A measurement and the baseline taken in alternating rounds, so that a change in the machine's
-// load during the run hits both alike.
+// load during the run hits both alike. ratio is the median over the rounds of measured / baseline
+// calls per second, which a burst of foreign load in one round does not move.
 template <typename Result>
 struct CPair {
     Result baseline;
     Result measured;
+    double ratio = 0;
 };
 CPair<CRoundTrips> run_sequential_pair(DBusConnection* connection, const CCallFactory& baseline,
                                        const CCallFactory& measured, const CLoadPlan& plan, unsigned rounds);

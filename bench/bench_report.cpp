@@ -45,6 +45,15 @@ Json::Value host_description() {
 
 }  // namespace
 
+double load_average() {
+    double load = -1;
+    FILE* in = fopen("/proc/loadavg", "r");
+    if (in == nullptr) return load;
+    if (fscanf(in, "%lf", &load) != 1) load = -1;
+    fclose(in);
+    return load;
+}
+
 CReport::CFigure* CReport::find(const std::string& id) {
     for (CFigure& f : m_figures) {
         if (f.id == id) return &f;
@@ -63,12 +72,12 @@ void CReport::figure(const std::string& id, const std::string& label, double val
     m_figures.push_back(f);
 }
 
-void CReport::ratio(const std::string& id, double baseline) {
+void CReport::ratio(const std::string& id, double baseline, double ratio) {
     CFigure* f = find(id);
     if (f == nullptr || baseline <= 0) return;
     f->has_ratio = true;
     f->baseline = baseline;
-    f->ratio = f->value / baseline;
+    f->ratio = ratio > 0 ? ratio : f->value / baseline;
 }
 
 void CReport::target(const std::string& id, const std::string& text, bool pass) {
@@ -90,6 +99,7 @@ int CReport::misses() const {
 }
 
 void CReport::print(FILE* out) const {
+    for (const std::string& n : m_notes) fprintf(out, "\nNOTE: %s\n", n.c_str());
     fprintf(out, "\n%-44s %12s %-8s %9s  %-22s %s\n", "figure", "value", "unit", "ratio", "target", "result");
     for (const CFigure& f : m_figures) {
         const std::string ratio = f.has_ratio ? format_value(f.ratio) + "x" : "";
@@ -124,6 +134,9 @@ bool CReport::write(const std::string& path, std::string& error) const {
     Json::Value problems(Json::arrayValue);
     for (const std::string& p : m_problems) problems.append(p);
     root["problems"] = problems;
+    Json::Value notes(Json::arrayValue);
+    for (const std::string& n : m_notes) notes.append(n);
+    root["notes"] = notes;
     root["details"] = m_details;
     return write_text_file(path, Json::writeString(Json::StreamWriterBuilder(), root) + "\n", error);
 }

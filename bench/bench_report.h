@@ -13,18 +13,24 @@ namespace Quorel {
 namespace Iot {
 namespace Bench {
 
+// The one-minute load average of the machine, -1 when unknown.
+double load_average();
+
 class CReport {
 public:
     // Adds a figure; id names it in the JSON file.
     void figure(const std::string& id, const std::string& label, double value, const std::string& unit,
                 const std::string& detail = "");
-    // Relates the figure to the baseline's value (same unit); the ratio is value / baseline.
-    void ratio(const std::string& id, double baseline);
+    // Relates the figure to the baseline's value (same unit); the ratio is value / baseline
+    // unless given.
+    void ratio(const std::string& id, double baseline, double ratio = 0);
     void target(const std::string& id, const std::string& text, bool pass);
     // Raw measurements, written to the JSON file only.
     Json::Value& details() { return m_details; }
     // A measurement that could not be made; shown after the table and counted as a miss.
     void problem(const std::string& text);
+    // Printed above the table.
+    void note(const std::string& text) { m_notes.push_back(text); }
 
     void print(FILE* out) const;
     bool write(const std::string& path, std::string& error) const;
@@ -49,6 +55,7 @@ private:
 
     std::vector<CFigure> m_figures;
     std::vector<std::string> m_problems;
+    std::vector<std::string> m_notes;
     Json::Value m_details{Json::objectValue};
 };
 

@@ -15,7 +15,7 @@ namespace {
 const size_t kRoundTripKeys = 1000;
 const size_t kProbeKey = 42;
 const unsigned kInFlight = 64;
-const unsigned kRounds = 3;
+const unsigned kRounds = 5;
 const unsigned kObservers = 4;
 const uint64_t kBurstCalls = 1000;
 const char kEchoName[] = "bench.echo";
@@ -138,20 +138,17 @@ void CBenchRun::measure_round_trips() {
     m_report.figure("baseline_sequential", "baseline get_config, sequential", get.baseline.calls_per_second, "calls/s",
                     latency_detail(get.baseline));
     add_round_trips("get_config_sequential", "get_config, sequential", get, "");
-    m_report.target("get_config_sequential", ">= 0.90x baseline",
-                    get.measured.failures == 0 && get.measured.calls_per_second >= 0.9 * get.baseline.calls_per_second);
+    m_report.target("get_config_sequential", ">= 0.90x baseline", get.measured.failures == 0 && get.ratio >= 0.9);
     add_round_trips("set_config_sequential", "set_config, no observers, sequential", set,
                     ", " + std::to_string(set_writes) + " keychain writes");
-    m_report.target("set_config_sequential", ">= 0.80x baseline",
-                    set.measured.failures == 0 && set.measured.calls_per_second >= 0.8 * set.baseline.calls_per_second);
+    m_report.target("set_config_sequential", ">= 0.80x baseline", set.measured.failures == 0 && set.ratio >= 0.8);
     m_report.figure("baseline_pipelined", "baseline get_config, 64 in flight", piped.baseline.calls_per_second,
                     "calls/s");
     m_report.figure("get_config_pipelined", "get_config, 64 in flight", piped.measured.calls_per_second, "calls/s",
                     std::to_string(piped.measured.failures) + " failed");
-    m_report.ratio("get_config_pipelined", piped.baseline.calls_per_second);
-    m_report.target(
-        "get_config_pipelined", ">= 0.80x piped baseline",
-        piped.measured.failures == 0 && piped.measured.calls_per_second >= 0.8 * piped.baseline.calls_per_second);
+    m_report.ratio("get_config_pipelined", piped.baseline.calls_per_second, piped.ratio);
+    m_report.target("get_config_pipelined", ">= 0.80x piped baseline",
+                    piped.measured.failures == 0 && piped.ratio >= 0.8);
 
     Json::Value& details = m_report.details()["round_trips"];
     details["keys"] = static_cast<Json::UInt64>(kRoundTripKeys);
@@ -168,7 +165,7 @@ void CBenchRun::add_round_trips(const std::string& id, const std::string& label,
     snprintf(baseline, sizeof(baseline), "; baseline in the same rounds %.0f calls/s", pair.baseline.calls_per_second);
     m_report.figure(id, label, pair.measured.calls_per_second, "calls/s",
                     latency_detail(pair.measured) + more + baseline);
-    m_report.ratio(id, pair.baseline.calls_per_second);
+    m_report.ratio(id, pair.baseline.calls_per_second, pair.ratio);
     Json::Value& details = m_report.details()["round_trips"][id];
     details = latency_json(pair.measured);
     details["baseline"] = latency_json(pair.baseline);
@@ -250,7 +247,22 @@ void CBenchRun::measure_keychain_writes() {
     details["settled"] = settled;
 }
 
+void CBenchRun::note_machine_load(double before, double after) {
+    m_report.details()["load_average"]["before"] = before;
+    m_report.details()["load_average"]["after"] = after;
+    // The benchmark itself keeps about one CPU busy; more than that is someone else's work.
+    const double cpus = static_cast<double>(std::thread::hardware_concurrency());
+    if (std::max(before, after) <= 1.0 + 0.25 * cpus) return;
+    char text[240];
+    snprintf(text, sizeof(text),
+             "the machine was busy (load average %.1f before, %.1f after, %.0f CPUs): absolute figures are noisy; "
+             "ratios are medians of alternating rounds",
+             before, after, cpus);
+    m_report.note(text);
+}
+
 int CBenchRun::run() {
+    const double load_before = load_average();
     if (prepare_round_trips()) {
         measure_round_trips();
         measure_observed_sets();
@@ -262,6 +274,7 @@ int CBenchRun::run() {
     m_echo.stop();
     m_observers.clear();
     measure_scaling();
+    note_machine_load(load_before, load_average());
     m_report.print(stdout);
     std::string error;
     if (!m_report.write(m_options.out, error)) {

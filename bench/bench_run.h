@@ -47,6 +47,7 @@ private:
     // Restarts with 1,000 / 10,000 / 100,000 keys.
     void measure_scaling();
     void measure_queries(size_t keys, Json::Value& details);
+    void note_machine_load(double before, double after);
 
     CCallFactory echo_get() const;
     CCallFactory service_get() const;
