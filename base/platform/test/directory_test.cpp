@@ -69,11 +69,6 @@ TEST_F(ADirectoryPath, StopsAtTheFirstLevelThatCannotBeMade) {
     EXPECT_EQ(g_mkdir_calls[0].first, m_root / "x/");
 }
 
-TEST_F(ADirectoryPath, IsMadeWithTheRealMkdirByDefault) {
-    EXPECT_TRUE(make_directory_path(m_root / "d/e", 0700));
-    EXPECT_TRUE(is_directory(m_root / "d/e"));
-}
-
 TEST(ARemovedTree, TakesNestedFilesAndDirectoriesWithIt) {
     CTempDir root;
     const std::string top = root / "top";
@@ -129,12 +124,4 @@ TEST(ADirectory, AnswersFalseWhenClosedOrOpenedOnAFile) {
     dir.close();
     EXPECT_FALSE(dir.is_open());
     EXPECT_FALSE(dir.next_name(name));
-}
-
-TEST(ADirectory, IsMadeAndRemovedOnlyOnce) {
-    CTempDir root;
-    EXPECT_TRUE(make_directory(root / "d", 0700));
-    EXPECT_FALSE(make_directory(root / "d", 0700));
-    EXPECT_TRUE(remove_directory(root / "d"));
-    EXPECT_FALSE(remove_directory(root / "d"));
 }
