@@ -3,13 +3,14 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
+#include <memory>
 
 #include "bench_bus.h"
 #include "bench_fixture.h"
 #include "bench_responder.h"
 #include "quorel/testsupport/private_bus.h"
 #include "quorel/testsupport/wait.h"
+#include "responder_thread.h"
 
 using namespace Quorel::Iot::Bench;
 using Quorel::Iot::Testing::CPrivateBus;
@@ -23,14 +24,7 @@ class AnEchoService : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(bus.start());
-        m_responder = std::thread([this] {
-            std::string address = bus.address();
-            std::string mode = kEchoMode;
-            std::string name = kEcho;
-            std::string value = "value-000042";
-            char* argv[] = {&mode[0], &address[0], &name[0], &value[0]};
-            run_responder(4, argv);
-        });
+        echo = std::make_unique<CResponderThread>(kEchoMode, bus, kEcho);
         std::string error;
         client = open_connection(bus.address(), "", error);
         ASSERT_TRUE(client) << error;
@@ -41,8 +35,7 @@ protected:
     }
     void TearDown() override {
         client.reset();
-        bus.stop();  // the responder sees its connection drop and returns
-        if (m_responder.joinable()) m_responder.join();
+        echo.reset();  // stops the bus, which ends the responder
     }
 
     CCallFactory get(const std::string& member = "get_config") const {
@@ -50,11 +43,9 @@ protected:
     }
 
     CPrivateBus bus;
+    std::unique_ptr<CResponderThread> echo;
     CConnection client;
     CLoadPlan plan{std::chrono::milliseconds(150), 10, 100000};
-
-private:
-    std::thread m_responder;
 };
 
 }  // namespace
