@@ -83,9 +83,13 @@ std::string make_envelope(const std::string& value, uint64_t ts) {
 #pragma GCC diagnostic pop
 }
 
+// Plain values are the common case on the get path; the answer for text that cannot hold an
+// object is the stored text either way, so it is not parsed.
 bool parse_json(const std::string& text, Json::Value& out) {
-    Json::CharReaderBuilder builder;  // comments allowed, trailing text ignored
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    if (!may_hold_object(text)) return false;
+    // Handlers run on the service's reader thread; one reader per thread avoids rebuilding it
+    // per request (comments allowed, trailing text ignored).
+    thread_local std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
     std::string errors;
     return reader->parse(text.data(), text.data() + text.size(), &out, &errors);
 }

@@ -78,6 +78,11 @@ std::string write_styled(const Json::Value& value) {
 
 }  // namespace Store
 
+bool may_hold_object(const std::string& text) {
+    const size_t first = text.find_first_not_of(" \t\r\n");
+    return first != std::string::npos && (text[first] == '{' || text[first] == '/');
+}
+
 CConfigFileManagerFullamount::CConfigFileManagerFullamount()
     : Platform::CThread("configmanager_thread", Platform::CThread::POLICY_NORMAL, 64, 0) {}
 
@@ -95,10 +100,14 @@ bool CConfigFileManagerFullamount::get_metadata(const std::string& name, Json::V
 
 // Writes without m_lock: the only caller serialises metadata writes with its own subscription
 // lock, and the saver may serialise the document concurrently (a known, accepted race).
-bool CConfigFileManagerFullamount::set_metadata(const std::string& name,
-                                                const Json::Value& value) NO_THREAD_SAFETY_ANALYSIS {
-    const Json::Path path(kMetadataPath + name);
-    path.make(m_config_json) = value;
+bool CConfigFileManagerFullamount::set_metadata(const std::string& name, const Json::Value& value) {
+    {
+        // The saver serialises the document outside any caller's lock, so a metadata write takes
+        // the document lock like every other change.
+        Platform::CMutexGuard guard(m_lock);
+        const Json::Path path(kMetadataPath + name);
+        path.make(m_config_json) = value;
+    }
     m_changed.store(true, std::memory_order_release);
     m_save_sem.post();
     return true;

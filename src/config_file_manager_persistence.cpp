@@ -111,7 +111,10 @@ bool CConfigFileManagerFullamount::merge_config(const Json::Value& defaults) NO_
 }
 
 bool CConfigFileManagerFullamount::save_json_file(const Json::Value& doc) {
-    const std::string text = Store::write_styled(doc);
+    return save_text(Store::write_styled(doc));
+}
+
+bool CConfigFileManagerFullamount::save_text(const std::string& text) {
     const uint32_t count = static_cast<uint32_t>(text.size() + 1);
     // c_str() supplies the NUL that is stored with the text.
     const int32_t ret =
@@ -127,8 +130,15 @@ void CConfigFileManagerFullamount::threadProc() {
         // Cleared before the lock: a change that lands while we wait for the lock is in this
         // save; one that lands after it sets the flag again and gets the next save.
         if (!m_changed.exchange(false, std::memory_order_acq_rel)) continue;
-        Platform::CMutexGuard guard(m_lock);
-        save_json_file(m_config_json);
+        // Only the rendering needs the document; the keychain exchange (which waits for the
+        // keychain service to store the item durably) runs without the lock so that requests
+        // are not held up behind it. Only this thread saves, so saves stay in order.
+        std::string text;
+        {
+            Platform::CMutexGuard guard(m_lock);
+            text = Store::write_styled(m_config_json);
+        }
+        save_text(text);
     }
 }
 

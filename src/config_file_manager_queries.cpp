@@ -61,13 +61,14 @@ struct CValueView {
 
 // Reads the envelope leniently with the old reader, as clients have always been served. A "data"
 // that is an object or array, or (when asked for) a "ts" that is no unsigned number, throws
-// Json::LogicError.
+// Json::LogicError. One reader serves a whole query; text that cannot open an object is not
+// parsed at all, since its view is the text itself.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-CValueView view_value(const Json::Value& encoded, bool with_ts) {
+CValueView view_value(Json::Reader& reader, const Json::Value& encoded, bool with_ts) {
     CValueView view;
     base64_decode(encoded.asString(), view.value);
-    Json::Reader reader;
+    if (!may_hold_object(view.value)) return view;
     Json::Value parsed;
     if (!reader.parse(view.value, parsed, true)) return view;
     if (!parsed.isObject() || parsed.empty()) return view;
@@ -75,16 +76,40 @@ CValueView view_value(const Json::Value& encoded, bool with_ts) {
     if (parsed.isMember("data")) view.value = parsed["data"].asString();
     return view;
 }
+
+// The JSON library's quoting, as its compact writer does it. Its plain quoting function stops at
+// a NUL byte; the rare text holding one goes through the writer itself.
+std::string quoted(const std::string& text) {
+    if (text.find('\0') == std::string::npos) return Json::valueToQuotedString(text.c_str());
+    std::string written = Json::FastWriter().write(Json::Value(text));
+    written.pop_back();
+    return written;
+}
 #pragma GCC diagnostic pop
 
-// Writes the query result, or reports that nothing matched.
-bool finish_query(const Json::Value& result, const std::string& pattern, const char* function, int result_level,
+// Builds a query result directly as the compact writer's text (elements separated by commas,
+// no blanks, a newline at the end): building a value tree first costs more than the query.
+class CResultArray {
+public:
+    std::string& next() {
+        m_text += m_text.empty() ? '[' : ',';
+        return m_text;
+    }
+    bool empty() const { return m_text.empty(); }
+    std::string finish() { return m_text + "]\n"; }
+
+private:
+    std::string m_text;
+};
+
+// Hands the query result over, or reports that nothing matched.
+bool finish_query(CResultArray& result, const std::string& pattern, const char* function, int result_level,
                   std::string& out) {
     if (result.empty()) {
         log_print(1, "color", "tag", kLogFile, function, __LINE__, "Didn't find the key: %s", pattern.c_str());
         return false;
     }
-    out = Store::write_compact(result);
+    out = result.finish();
     log_print(result_level, "color", "tag", kLogFile, function, __LINE__, "arrayObj: %s", out.c_str());
     return true;
 }
@@ -121,38 +146,43 @@ bool CConfigFileManagerFullamount::set_config(const std::string& key, const std:
     return true;
 }
 
+// The lenient reader is the deprecated one; clients depend on its leniency.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 bool CConfigFileManagerFullamount::get_config_batch(const std::string& name, std::string& out) {
     Platform::CMutexGuard guard(m_lock);
-    Json::Value result(Json::arrayValue);
-    for_each_match(m_config_json, name, __func__, [&result](const std::string& key, const Json::Value& encoded) {
-        const CValueView view = view_value(encoded, false);
-        Json::Value element(Json::objectValue);
-        element["key"] = key;
-        element["value"] = view.value;
-        result.append(element);
+    CResultArray result;
+    Json::Reader reader;
+    for_each_match(m_config_json, name, __func__, [&](const std::string& key, const Json::Value& encoded) {
+        const CValueView view = view_value(reader, encoded, false);
+        result.next().append("{\"key\":").append(quoted(key)).append(",\"value\":").append(quoted(view.value)) += '}';
     });
     return finish_query(result, name, __func__, 0, out);
 }
 
 bool CConfigFileManagerFullamount::get_config_batch_with_ts(const std::string& name, std::string& out) {
     Platform::CMutexGuard guard(m_lock);
-    Json::Value result(Json::arrayValue);
-    for_each_match(m_config_json, name, __func__, [&result](const std::string& key, const Json::Value& encoded) {
-        const CValueView view = view_value(encoded, true);
-        Json::Value element(Json::objectValue);
-        element["key"] = key;
-        element["ts"] = Json::Value(static_cast<Json::UInt64>(view.ts));
-        element["value"] = view.value;
-        result.append(element);
+    CResultArray result;
+    Json::Reader reader;
+    for_each_match(m_config_json, name, __func__, [&](const std::string& key, const Json::Value& encoded) {
+        const CValueView view = view_value(reader, encoded, true);
+        result.next()
+            .append("{\"key\":")
+            .append(quoted(key))
+            .append(",\"ts\":")
+            .append(std::to_string(view.ts))
+            .append(",\"value\":")
+            .append(quoted(view.value)) += '}';
     });
     return finish_query(result, name, __func__, 0, out);
 }
+#pragma GCC diagnostic pop
 
 bool CConfigFileManagerFullamount::get_config_keylist(const std::string& name, std::string& out) {
     Platform::CMutexGuard guard(m_lock);
-    Json::Value result(Json::arrayValue);
+    CResultArray result;
     for_each_match(m_config_json, name, __func__,
-                   [&result](const std::string& key, const Json::Value&) { result.append(key); });
+                   [&result](const std::string& key, const Json::Value&) { result.next() += quoted(key); });
     return finish_query(result, name, __func__, 1, out);
 }
 

@@ -2,6 +2,7 @@
 #include <json/json.h>
 
 #include <string>
+#include <tuple>
 
 #include "quorel/configmanager/config_file_manager.h"
 #include "quorel/testsupport/log_capture.h"
@@ -107,3 +108,33 @@ TEST_F(AStoreQuery, LogsEachMatchAndTheResultAtTheirLevels) {
     EXPECT_EQ(level_of("arrayObj: " + batch), 0);
     EXPECT_EQ(level_of("arrayObj: " + keys), 1);
 }
+
+// The results are written without building a JSON value first; they must stay byte for byte what
+// the library's compact writer gives for the same elements, for every character clients may use.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+TEST_F(AStoreQuery, WritesResultsExactlyAsTheCompactJsonWriterDoes) {
+    const std::string key = std::string("k \"q\" \\ /\t\x01 \xc3\xa9 \xe2\x82\xac ") + std::string(1, '\0') + "z";
+    const std::string value = "line\nbreak \"quoted\" \x7f \xf0\x9f\x98\x80";
+    const std::string envelope = "{\"data\":\"caf\\u00e9 \\\"x\\\"\",\"ts\":18446744073709551615}\n";
+    m_store.set_config(key, value);
+    m_store.set_config("e", envelope);
+
+    Json::Value batch(Json::arrayValue), batch_ts(Json::arrayValue), keys(Json::arrayValue);
+    for (const auto& [k, v, ts] : {std::make_tuple(std::string("e"), std::string("caf\xc3\xa9 \"x\""),
+                                                   static_cast<Json::UInt64>(18446744073709551615ull)),
+                                   std::make_tuple(key, value, static_cast<Json::UInt64>(0))}) {
+        Json::Value element;
+        element["key"] = k;
+        element["value"] = v;
+        batch.append(element);
+        element["ts"] = ts;
+        batch_ts.append(element);
+        keys.append(k);
+    }
+    Json::FastWriter writer;
+    EXPECT_EQ(run(kBatch, "."), writer.write(batch));
+    EXPECT_EQ(run(kBatchTs, "."), writer.write(batch_ts));
+    EXPECT_EQ(run(kKeys, "."), writer.write(keys));
+}
+#pragma GCC diagnostic pop

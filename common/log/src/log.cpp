@@ -16,6 +16,8 @@ namespace {
 
 pthread_mutex_t g_log_mutex = PTHREAD_MUTEX_INITIALIZER;
 std::string g_identity = "unknown";  // guarded by g_log_mutex
+time_t g_stamp_second = -1;          // guarded by g_log_mutex
+char g_stamp[32];                    // guarded by g_log_mutex: g_stamp_second as local time
 std::atomic<log_sink_fn> g_sink{nullptr};
 std::atomic<void*> g_sink_context{nullptr};
 
@@ -59,15 +61,18 @@ extern "C" void log_print(int level, const char*, const char*, const char* file,
 
     struct timeval tv;
     gettimeofday(&tv, nullptr);
-    struct tm tm_now;
-    localtime_r(&tv.tv_sec, &tm_now);
-    char stamp[32];
-    strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", &tm_now);
 
     char out[2600];
     pthread_mutex_lock(&g_log_mutex);
-    int len = snprintf(out, sizeof(out), "%s.%03ld %s L%d %s:%d %s: %s\n", stamp, static_cast<long>(tv.tv_usec / 1000),
-                       g_identity.c_str(), level, file, line, function, message);
+    // Busy paths log a line per key; rendering the calendar time once a second keeps that cheap.
+    if (tv.tv_sec != g_stamp_second) {
+        struct tm tm_now;
+        localtime_r(&tv.tv_sec, &tm_now);
+        strftime(g_stamp, sizeof(g_stamp), "%Y-%m-%d %H:%M:%S", &tm_now);
+        g_stamp_second = tv.tv_sec;
+    }
+    int len = snprintf(out, sizeof(out), "%s.%03ld %s L%d %s:%d %s: %s\n", g_stamp,
+                       static_cast<long>(tv.tv_usec / 1000), g_identity.c_str(), level, file, line, function, message);
     if (len > 0) {
         size_t total = static_cast<size_t>(len) < sizeof(out) ? static_cast<size_t>(len) : sizeof(out) - 1;
         if (total == sizeof(out) - 1) out[total - 1] = '\n';

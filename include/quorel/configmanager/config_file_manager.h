@@ -3,8 +3,8 @@
 // keychain item "_configmanager.config.file" by the saver thread "configmanager_thread".
 //
 // Threads: queries and changes come from the configuration service's bus reader thread, saves from
-// the saver thread, start/stop from the main thread. Every operation except set_metadata holds
-// m_lock throughout; set_metadata relies on its only caller's subscription lock.
+// the saver thread, start/stop from the main thread. Every operation holds m_lock while it touches
+// the document; the saver renders the document under it and talks to the keychain without it.
 // Failures are reported as false (output arguments then untouched) and logged.
 #ifndef QUOREL_CONFIGMANAGER_CONFIG_FILE_MANAGER_H
 #define QUOREL_CONFIGMANAGER_CONFIG_FILE_MANAGER_H
@@ -22,6 +22,10 @@
 namespace Quorel {
 namespace Iot {
 namespace Configmanager {
+
+// False when text cannot hold a JSON object (its first non-blank character opens neither an object
+// nor a comment): such a value text is never an envelope, and need not be parsed to know it.
+bool may_hold_object(const std::string& text);
 
 class CConfigFileManagerFullamount : public Platform::CThread {
 public:
@@ -54,9 +58,11 @@ public:
 protected:
     void threadProc() override;
 
-    // ---- private section: owned by the store's implementation ----
 private:
-    // Guards the document; held across every query, change and whole keychain save.
+    // Writes the rendered document with its NUL as the keychain item; logs a refusal.
+    bool save_text(const std::string& text);
+
+    // Guards the document; held across every query and change, and while the saver renders it.
     Platform::CMutex m_lock;
     Json::Value m_config_json GUARDED_BY(m_lock);
 
