@@ -102,8 +102,8 @@ bool CConfigFileManagerFullamount::get_metadata(const std::string& name, Json::V
 // lock, and the saver may serialise the document concurrently (a known, accepted race).
 bool CConfigFileManagerFullamount::set_metadata(const std::string& name, const Json::Value& value) {
     {
-        // The saver serialises the document outside any caller's lock, so a metadata write takes
-        // the document lock like every other change.
+        // The caller's subscription lock does not keep the saver from rendering the document
+        // meanwhile; the document lock does.
         Platform::CMutexGuard guard(m_lock);
         const Json::Path path(kMetadataPath + name);
         path.make(m_config_json) = value;

@@ -130,15 +130,8 @@ void CConfigFileManagerFullamount::threadProc() {
         // Cleared before the lock: a change that lands while we wait for the lock is in this
         // save; one that lands after it sets the flag again and gets the next save.
         if (!m_changed.exchange(false, std::memory_order_acq_rel)) continue;
-        // Only the rendering needs the document; the keychain exchange (which waits for the
-        // keychain service to store the item durably) runs without the lock so that requests
-        // are not held up behind it. Only this thread saves, so saves stay in order.
-        std::string text;
-        {
-            Platform::CMutexGuard guard(m_lock);
-            text = Store::write_styled(m_config_json);
-        }
-        save_text(text);
+        Platform::CMutexGuard guard(m_lock);
+        save_json_file(m_config_json);
     }
 }
 

@@ -4,7 +4,8 @@
 //
 // Threads: queries and changes come from the configuration service's bus reader thread, saves from
 // the saver thread, start/stop from the main thread. Every operation holds m_lock while it touches
-// the document; the saver renders the document under it and talks to the keychain without it.
+// the document, and the saver holds it across the whole keychain save: requests arriving during a
+// save wait, which batches the changes of a burst into few saves.
 // Failures are reported as false (output arguments then untouched) and logged.
 #ifndef QUOREL_CONFIGMANAGER_CONFIG_FILE_MANAGER_H
 #define QUOREL_CONFIGMANAGER_CONFIG_FILE_MANAGER_H
@@ -62,7 +63,7 @@ private:
     // Writes the rendered document with its NUL as the keychain item; logs a refusal.
     bool save_text(const std::string& text);
 
-    // Guards the document; held across every query and change, and while the saver renders it.
+    // Guards the document; held across every query, change and whole keychain save.
     Platform::CMutex m_lock;
     Json::Value m_config_json GUARDED_BY(m_lock);
 
