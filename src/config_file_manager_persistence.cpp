@@ -111,10 +111,7 @@ bool CConfigFileManagerFullamount::merge_config(const Json::Value& defaults) NO_
 }
 
 bool CConfigFileManagerFullamount::save_json_file(const Json::Value& doc) {
-    return save_text(Store::write_styled(doc));
-}
-
-bool CConfigFileManagerFullamount::save_text(const std::string& text) {
+    const std::string text = Store::write_styled(doc);
     const uint32_t count = static_cast<uint32_t>(text.size() + 1);
     // c_str() supplies the NUL that is stored with the text.
     const int32_t ret =

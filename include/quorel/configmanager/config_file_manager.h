@@ -60,9 +60,6 @@ protected:
     void threadProc() override;
 
 private:
-    // Writes the rendered document with its NUL as the keychain item; logs a refusal.
-    bool save_text(const std::string& text);
-
     // Guards the document; held across every query, change and whole keychain save.
     Platform::CMutex m_lock;
     Json::Value m_config_json GUARDED_BY(m_lock);
