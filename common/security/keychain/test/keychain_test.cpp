@@ -9,10 +9,12 @@
 #include <string>
 
 #include "quorel/testsupport/fake_keychain.h"
+#include "quorel/testsupport/keychain_environment.h"
 #include "quorel/testsupport/log_capture.h"
 #include "quorel/testsupport/private_bus.h"
 
 using Quorel::Iot::Testing::CFakeKeychain;
+using Quorel::Iot::Testing::CKeychainEnvironment;
 using Quorel::Iot::Testing::CLogCapture;
 using Quorel::Iot::Testing::CLogLine;
 using Quorel::Iot::Testing::CPrivateBus;
@@ -45,18 +47,11 @@ int failures_logged(const CLogCapture& log, const std::string& function, const s
 
 class AKeychainClient : public ::testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(m_bus.start());
-        m_bus.export_address();
-        m_keychain = std::make_unique<CFakeKeychain>(m_bus.address());
-        ASSERT_TRUE(m_keychain->start());
-        ASSERT_EQ(KC_SUCCESS, kc_init());
-    }
-    void TearDown() override { kc_deinit(); }
+    void SetUp() override { ASSERT_TRUE(m_env.start()); }
 
     CLogCapture m_log;
-    CPrivateBus m_bus;
-    std::unique_ptr<CFakeKeychain> m_keychain;
+    CKeychainEnvironment m_env;
+    CFakeKeychain& keychain() { return m_env.keychain(); }
 };
 
 TEST_F(AKeychainClient, StoresAnItemAndReadsBackItsBytesAndType) {
@@ -70,12 +65,12 @@ TEST_F(AKeychainClient, StoresAnItemAndReadsBackItsBytesAndType) {
     EXPECT_EQ(stored, std::string(reinterpret_cast<char*>(buf), len));
     EXPECT_EQ(2, type);
     std::string seen;
-    ASSERT_TRUE(m_keychain->get_item("item.a", seen));
+    ASSERT_TRUE(keychain().get_item("item.a", seen));
     EXPECT_EQ(stored, seen);
 }
 
 TEST_F(AKeychainClient, AnswersASizeProbeWithShortBufferAndTheItemLength) {
-    m_keychain->set_item("item.b", std::string("{}\0", 3), 3);
+    keychain().set_item("item.b", std::string("{}\0", 3), 3);
     uint32_t len = 0;
     int32_t type = -1;
     EXPECT_EQ(KC_ERR_SHORT_BUFFER, kc_get_item("item.b", nullptr, &len, &type));
@@ -94,9 +89,9 @@ TEST_F(AKeychainClient, PassesTheServiceResultThroughAndKeepsTheCapacityForAnAbs
     EXPECT_EQ(CFakeKeychain::kNotFound, kc_get_item("missing", buf, &len, &type));
     EXPECT_EQ(8u, len);
 
-    m_keychain->set_forced_result(-7);
+    keychain().set_forced_result(-7);
     EXPECT_EQ(-7, kc_add_item("item.c", bytes_of("x"), 1, 3));
-    EXPECT_FALSE(m_keychain->has_item("item.c"));
+    EXPECT_FALSE(keychain().has_item("item.c"));
 }
 
 TEST_F(AKeychainClient, RejectsBadParametersWithoutAskingTheService) {
@@ -112,14 +107,14 @@ TEST_F(AKeychainClient, RejectsBadParametersWithoutAskingTheService) {
     EXPECT_EQ(KC_ERR_BAD_PARAMS, kc_encrypt_data(bytes_of("x"), 0, "k", out, &out_len));
     EXPECT_EQ(KC_ERR_BAD_PARAMS, kc_decrypt_data(nullptr, bytes_of("x"), 1, out, &out_len));
     EXPECT_EQ(3u, m_log.lines().size());
-    EXPECT_EQ(0u, m_keychain->received().size());
+    EXPECT_EQ(0u, keychain().received().size());
 }
 
 TEST_F(AKeychainClient, TellsTheServiceWhichExecutableOwnsTheItem) {
     char exe[4097] = {};
     ASSERT_GT(readlink("/proc/self/exe", exe, 4096), 0);
     ASSERT_EQ(KC_SUCCESS, kc_add_item("item.d", bytes_of("x"), 1, 3));
-    EXPECT_EQ(std::string(exe), m_keychain->last_exe_path());
+    EXPECT_EQ(std::string(exe), keychain().last_exe_path());
 }
 
 TEST_F(AKeychainClient, EncryptsAndDecryptsThroughTheirOppositeLayouts) {

@@ -25,6 +25,7 @@
 #include "quorel/testsupport/bus_client.h"
 #include "quorel/testsupport/fake_keychain.h"
 #include "quorel/testsupport/fake_service.h"
+#include "quorel/testsupport/keychain_environment.h"
 #include "quorel/testsupport/private_bus.h"
 
 namespace Quorel {
@@ -55,21 +56,16 @@ public:
 
     // Everything up to and including a started service and client; false at the first failure.
     bool start() {
-        if (!m_bus.start()) return false;
-        m_bus.export_address();
-        m_keychain.reset(new CFakeKeychain(m_bus.address()));
-        if (!m_keychain->start()) return false;
-        if (kc_init() != 0) return false;
-        m_kc_open = true;
+        if (!m_env.start()) return false;
         if (!write_default_file()) return false;
-        m_client.reset(new CBusClient(m_bus.address()));
+        m_client.reset(new CBusClient(address()));
         if (!m_client->connect()) return false;
         return start_service();
     }
 
     // A new service object on the same bus, keychain and default file (a restart of the process).
     bool start_service() {
-        m_service.reset(new Configmanager::CConfigBusiness(m_bus.address(), kName, std::list<std::string>()));
+        m_service.reset(new Configmanager::CConfigBusiness(address(), kName, std::list<std::string>()));
         return m_service->start(m_default_path);
     }
     void stop_service() {
@@ -80,10 +76,7 @@ public:
     void stop() {
         stop_service();
         if (m_client) m_client->close();
-        if (m_kc_open) kc_deinit();
-        m_kc_open = false;
-        if (m_keychain) m_keychain->stop();
-        m_bus.stop();
+        m_env.stop();
         if (!m_default_path.empty()) {
             unlink(m_default_path.c_str());
             rmdir(m_dir.c_str());
@@ -110,9 +103,9 @@ public:
 
     Configmanager::CConfigBusiness& service() { return *m_service; }
     CBusClient& client() { return *m_client; }
-    CFakeKeychain& keychain() { return *m_keychain; }
-    CPrivateBus& bus() { return m_bus; }
-    const std::string& address() const { return m_bus.address(); }
+    CFakeKeychain& keychain() { return m_env.keychain(); }
+    CPrivateBus& bus() { return m_env.bus(); }
+    const std::string& address() { return m_env.bus().address(); }
     const std::string& default_path() const { return m_default_path; }
 
 private:
@@ -129,9 +122,7 @@ private:
     std::string m_default_json;
     std::string m_dir;
     std::string m_default_path;
-    CPrivateBus m_bus;
-    std::unique_ptr<CFakeKeychain> m_keychain;
-    bool m_kc_open = false;
+    CKeychainEnvironment m_env;
     std::unique_ptr<CBusClient> m_client;
     std::unique_ptr<Configmanager::CConfigBusiness> m_service;
 };
