@@ -21,7 +21,7 @@ run_variant() {
     shift 3
     local dir="build-test-$name"
     echo "== $name build =="
-    cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCM_BUILD_BENCH=OFF "$@" > "$dir.configure.log" 2>&1 ||
+    cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" > "$dir.configure.log" 2>&1 ||
         { cat "$dir.configure.log"; return 1; }
     # shellcheck disable=SC2086
     cmake --build "$dir" -j"$jobs" ${targets:+--target $targets}
