@@ -19,8 +19,6 @@ extern const char kOnePercentPattern[];
 // A pattern matching every key.
 extern const char kAllPattern[];
 
-std::string base64_encode(const std::string& text);
-
 // Replaces the file's content with text.
 bool write_text_file(const std::string& path, const std::string& text, std::string& error);
 

@@ -10,19 +10,9 @@
 
 #include "bench_bus.h"
 #include "bench_load.h"
+#include "quorel/configmanager/base64.h"
 
 using namespace Quorel::Iot::Bench;
-
-TEST(TheEncoder, FollowsTheStandardTestVectors) {
-    EXPECT_EQ(base64_encode(""), "");
-    EXPECT_EQ(base64_encode("f"), "Zg==");
-    EXPECT_EQ(base64_encode("fo"), "Zm8=");
-    EXPECT_EQ(base64_encode("foo"), "Zm9v");
-    EXPECT_EQ(base64_encode("foob"), "Zm9vYg==");
-    EXPECT_EQ(base64_encode("fooba"), "Zm9vYmE=");
-    EXPECT_EQ(base64_encode("foobar"), "Zm9vYmFy");
-    EXPECT_EQ(base64_encode("\xff\xfe"), "//4=");
-}
 
 TEST(TheDefaultFile, HoldsEveryKeyAsABase64Envelope) {
     char path[] = "/tmp/cm-bench-test-XXXXXX";
@@ -38,8 +28,9 @@ TEST(TheDefaultFile, HoldsEveryKeyAsABase64Envelope) {
     unlink(path);
     ASSERT_EQ(doc["config"].size(), 250u);
     EXPECT_TRUE(doc["metadata"].isObject());
-    EXPECT_EQ(doc["config"][key_name(42)].asString(),
-              base64_encode("{\"data\":\"" + key_value(42) + "\",\"ts\":1700000000000}\n"));
+    std::string stored;
+    Quorel::Iot::Configmanager::base64_decode(doc["config"][key_name(42)].asString(), stored);
+    EXPECT_EQ(stored, "{\"data\":\"" + key_value(42) + "\",\"ts\":1700000000000}\n");
     EXPECT_EQ(key_name(42), "bench.key.000042");
     EXPECT_EQ(key_value(42), "value-000042");
 }
