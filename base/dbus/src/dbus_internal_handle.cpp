@@ -104,8 +104,10 @@ int32_t CDBusInternalHandle::connect_to_bus() {
     // Raised before the reader starts: the reader leaves its loop when it sees the flag down, and
     // a message arriving at once could otherwise end the loop before connect_to_bus returns.
     m_connected.store(true, std::memory_order_release);
+    m_reading.store(true, std::memory_order_release);
     if (!start()) {
         m_connected.store(false, std::memory_order_release);
+        m_reading.store(false, std::memory_order_release);
         QLOG(3, "create thread fail.");
         release_name(raw);
         Platform::CMutexGuard guard(m_connection_mutex);
@@ -125,13 +127,18 @@ void CDBusInternalHandle::release_name(DBusConnection* connection) {
 void CDBusInternalHandle::disconnect() {
     if (!m_connected.exchange(false, std::memory_order_acq_rel)) return;
     stop();
+    m_reading.store(false, std::memory_order_release);
     abort_pending_calls();
     ConnectionPtr connection;
     {
         Platform::CMutexGuard guard(m_connection_mutex);
         connection = std::move(m_connection);
     }
-    if (connection) release_name(connection.get());
+    if (connection) {
+        // Replies sent since the reader's last turn are still queued; closing would drop them.
+        dbus_connection_flush(connection.get());
+        release_name(connection.get());
+    }
     connection.reset();
     m_watchdog_interval.store(0, std::memory_order_release);
     Platform::CMutexGuard guard(m_watchdog_mutex);
@@ -216,12 +223,36 @@ int32_t CDBusInternalHandle::unblock_call(CDBusMessage& request, void* user_data
     return 0;
 }
 
+int32_t CDBusInternalHandle::send_no_reply(CDBusMessage& request) {
+    if (!m_connected.load(std::memory_order_acquire)) {
+        QLOG(3, "send_no_reply, dbus disconnected.");
+        return -1;
+    }
+    if (request.get_message() != nullptr) dbus_message_set_no_reply(request.get_message(), TRUE);
+    if (!send_message(request.get_message(), nullptr)) {
+        QLOG(3, "send_no_reply, dbus connection send fail.");
+        return -2;
+    }
+    return 0;
+}
+
+void CDBusInternalHandle::stop_reading() {
+    if (!m_connected.load(std::memory_order_acquire)) return;
+    stop();
+    m_reading.store(false, std::memory_order_release);
+}
+
 bool CDBusInternalHandle::send_dbus_reply(CDBusMessage& reply) {
     if (!m_connected.load(std::memory_order_acquire)) {
         QLOG(3, "dbus already disconnected.");
         return false;
     }
-    return send_message(reply.get_message(), nullptr);
+    if (!send_message(reply.get_message(), nullptr)) return false;
+    if (!m_reading.load(std::memory_order_acquire)) {
+        Platform::CMutexGuard guard(m_connection_mutex);
+        if (m_connection) dbus_connection_flush(m_connection.get());
+    }
+    return true;
 }
 
 bool CDBusInternalHandle::set_watchdog(const std::string& path, const std::string& id, uint32_t interval_s) {
@@ -263,7 +294,9 @@ void CDBusInternalHandle::threadProc() {
             dbus_message_unref(message);
         }
     }
-    m_connected.store(false, std::memory_order_release);
+    // Asked to stop (disconnect, or stop_reading, which keeps the connection for last replies):
+    // the flag belongs to the caller. Otherwise the connection is lost or dropped.
+    if (is_running()) m_connected.store(false, std::memory_order_release);
     QLOG(1, "threadProc, dbus end loop read message.");
 }
 

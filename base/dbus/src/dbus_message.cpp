@@ -158,8 +158,10 @@ bool CDBusMessage::get_array(uint8_t*& data, int32_t& length) {
     dbus_message_iter_recurse(m_read_iter.get(), &elements);
     const void* items = nullptr;
     int count = 0;
-    // Only fixed-size element types are readable; libdbus leaves items null for any other.
-    if (dbus_type_is_fixed(dbus_message_iter_get_arg_type(&elements))) {
+    // Only fixed-size element types are readable; libdbus leaves items null for any other, and
+    // ends the process for file descriptors, which it counts as fixed all the same.
+    const int element_type = dbus_message_iter_get_arg_type(&elements);
+    if (dbus_type_is_fixed(element_type) && element_type != DBUS_TYPE_UNIX_FD) {
         dbus_message_iter_get_fixed_array(&elements, &items, &count);
     }
     if (items == nullptr || count <= 0) {
@@ -174,6 +176,13 @@ bool CDBusMessage::get_array(uint8_t*& data, int32_t& length) {
 }
 
 bool CDBusMessage::set_string(const std::string& value) {
+    if (m_message == nullptr) return false;
+    // libdbus ends the process on a string argument that is not UTF-8; stored values and cloud
+    // documents can hold such text, so it is refused here rather than trusted to every caller.
+    if (!dbus_validate_utf8(value.c_str(), nullptr)) {
+        QLOG(3, "set_string, text is not valid UTF-8.");
+        return false;
+    }
     const char* text = value.c_str();
     return append_basic(DBUS_TYPE_STRING, &text);
 }

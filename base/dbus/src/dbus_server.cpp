@@ -28,6 +28,10 @@ int32_t CDBusServer::unblock_call(CDBusMessage& request, void* user_data, const 
     return m_handle->unblock_call(request, user_data, callback);
 }
 
+int32_t CDBusServer::send_no_reply(CDBusMessage& request) { return m_handle->send_no_reply(request); }
+
+void CDBusServer::stop_reading() { m_handle->stop_reading(); }
+
 bool CDBusServer::send_dbus_reply(CDBusMessage& reply) { return m_handle->send_dbus_reply(reply); }
 
 bool CDBusServer::is_connected() const { return m_handle->is_connected(); }

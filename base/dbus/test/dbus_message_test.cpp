@@ -165,3 +165,40 @@ TEST(AMethodReturn, TellsAReplyFromAnErrorReply) {
     EXPECT_EQ(bare.get_reply_serial(), 0u);
     EXPECT_EQ(dbus_message_get_destination(bare.get_message()), nullptr);
 }
+
+TEST(AMessage, RefusesToAppendTextThatIsNotUtf8AndStaysUsable) {
+    CLogCapture log;
+    CDBusMethodReturn reply;
+    // A lone surrogate as a JSON reader decodes "\udc00", an overlong form, a stray continuation.
+    for (const char* bad : {"\xed\xb0\x80", "\xc0\xaf", "ok\x80", "\xff"}) {
+        EXPECT_FALSE(reply.set_string(bad)) << bad;
+    }
+    EXPECT_EQ(log.count("set_string, text is not valid UTF-8."), 4u);
+    EXPECT_EQ(log.lines().at(0).level, 3);
+    // Nothing was appended: the message carries exactly what follows.
+    EXPECT_TRUE(reply.set_int32(100100) && reply.set_string("caf\xc3\xa9"));
+    int32_t code = 0;
+    std::string text;
+    EXPECT_TRUE(reply.get_int32(code) && reply.get_string(text));
+    EXPECT_EQ(code, 100100);
+    EXPECT_EQ(text, "caf\xc3\xa9");
+    EXPECT_FALSE(reply.get_string(text));
+}
+
+TEST(AMessage, RefusesAnArrayOfFileDescriptorsInsteadOfEndingTheProcess) {
+    CLogCapture log;
+    CDBusMethodCall call("iot.dmp.configmanager", "/iot/dmp/configmanager", "iot.dmp.configmanager", "set_config");
+    DBusMessageIter append;
+    DBusMessageIter elements;
+    dbus_message_iter_init_append(call.get_message(), &append);
+    ASSERT_TRUE(dbus_message_iter_open_container(&append, DBUS_TYPE_ARRAY, DBUS_TYPE_UNIX_FD_AS_STRING, &elements));
+    const int fd = 0;
+    ASSERT_TRUE(dbus_message_iter_append_basic(&elements, DBUS_TYPE_UNIX_FD, &fd));
+    ASSERT_TRUE(dbus_message_iter_close_container(&append, &elements));
+    uint8_t* data = nullptr;
+    int32_t length = 0;
+    // libdbus counts file descriptors as fixed-size yet aborts when asked for them as a block.
+    EXPECT_FALSE(call.get_array(data, length));
+    EXPECT_EQ(data, nullptr);
+    EXPECT_EQ(log.count("get_array dbus_message_iter_get_fixed_array fail."), 1u);
+}

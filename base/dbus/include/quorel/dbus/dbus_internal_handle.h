@@ -53,6 +53,13 @@ public:
     // timeout_ms 0 waits for ever. On 0 or -5 reply holds the answer.
     int32_t block_call(CDBusMessage& request, CDBusMessage& reply, uint32_t timeout_ms);
     int32_t unblock_call(CDBusMessage& request, void* user_data, const DBusCallback& callback);
+    // A call sent with the flag "no reply expected": nothing is kept, the bus daemon keeps no
+    // pending reply for it, and an answer, should one come, is dropped. 0, -1 not connected,
+    // -2 send failure.
+    int32_t send_no_reply(CDBusMessage& request);
+    // Ends the reader thread but keeps the connection, so a service that shuts down takes no
+    // further requests while it still answers the ones it holds (each reply is flushed then).
+    void stop_reading();
     bool send_dbus_reply(CDBusMessage& reply);
     bool set_watchdog(const std::string& path, const std::string& id, uint32_t interval_s);
     // 0 when error is not set; otherwise logs "dbus error:%s.", frees it and returns -1.
@@ -97,6 +104,8 @@ private:
     // Written by connect_to_bus, disconnect and the reader when its loop ends; read by every
     // caller without a lock.
     std::atomic<bool> m_connected{false};
+    // False once stop_reading ended the reader: nobody else flushes what is sent then.
+    std::atomic<bool> m_reading{false};
 
     // The pointer changes only while the reader is not running (connect_to_bus before starting
     // it, disconnect after stopping it), so the reader keeps a plain copy; every other sender

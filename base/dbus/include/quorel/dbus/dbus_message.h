@@ -46,6 +46,7 @@ public:
     // On success data is a malloc'ed copy the caller frees; an empty array is a failure.
     bool get_array(uint8_t*& data, int32_t& length);
 
+    // False (and a level-3 line) for text that is not valid UTF-8: nothing is appended then.
     bool set_string(const std::string& value);
     bool set_int32(int32_t value);
     bool set_uint64(uint64_t value);

@@ -42,6 +42,10 @@ public:
     void set_watchdog(const std::string& path, const std::string& id, uint32_t interval_s);
     int32_t block_call(CDBusMessage& request, CDBusMessage& reply, uint32_t timeout_ms);
     int32_t unblock_call(CDBusMessage& request, void* user_data, const DBusCallback& callback);
+    // A call whose answer nobody waits for (see CDBusInternalHandle::send_no_reply).
+    int32_t send_no_reply(CDBusMessage& request);
+    // Takes no further incoming traffic; replies can still be sent until disconnect.
+    void stop_reading();
     bool send_dbus_reply(CDBusMessage& reply);
     // True between a successful connect_to_bus and disconnect or the loss of the bus.
     bool is_connected() const;
