@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <thread>
+#include <utility>
 
 #include "quorel/keychain/keychain_wire.h"
 
@@ -75,6 +76,20 @@ void CFakeKeychain::set_always_short_buffer(bool always) {
     m_always_short = always;
 }
 
+void CFakeKeychain::set_length_claim(LengthClaim claim) {
+    std::lock_guard<std::mutex> lock(m_items_mutex);
+    m_length_claim = std::move(claim);
+}
+
+void CFakeKeychain::set_empty_replies(bool empty) {
+    std::lock_guard<std::mutex> lock(m_items_mutex);
+    m_empty_replies = empty;
+}
+
+int32_t CFakeKeychain::claimed_length(int32_t capacity, int32_t length) const {
+    return m_length_claim ? m_length_claim(capacity, length) : length;
+}
+
 std::string CFakeKeychain::scramble(const std::string& input, const std::string& name) {
     std::string output = input;
     for (size_t i = 0; i < output.size(); ++i) {
@@ -105,6 +120,7 @@ DBusMessage* CFakeKeychain::handle_add(DBusMessage* call) {
     ++m_add_count;
     if (!well_formed) return Wire::reply_ints(call, {KC_ERR_BAD_PARAMS});
     m_last_exe_path = request.exe_path;
+    if (m_empty_replies) return dbus_message_new_method_return(call);
     if (forced != 0) return Wire::reply_ints(call, {forced});
     m_items[request.name] = Item{request.bytes, request.type};
     return Wire::reply_ints(call, {KC_SUCCESS});
@@ -118,14 +134,15 @@ DBusMessage* CFakeKeychain::handle_get(DBusMessage* call) {
     ++m_get_count;
     if (!well_formed) return Wire::reply_ints(call, {KC_ERR_BAD_PARAMS, 0, 0});
     m_last_exe_path = request.exe_path();
+    if (m_empty_replies) return dbus_message_new_method_return(call);
     if (forced != 0) return Wire::reply_ints(call, {forced, 0, 0});
     auto it = m_items.find(request.name());
     if (it == m_items.end()) return request.answer(call, nullptr, 0);
     const Item& item = it->second;
-    if (m_always_short) {
-        return Wire::reply_ints(call, {KC_ERR_SHORT_BUFFER, static_cast<int32_t>(item.bytes.size()), item.type});
-    }
-    return request.answer(call, &item.bytes, item.type);
+    const int32_t reported = claimed_length(request.capacity(), static_cast<int32_t>(item.bytes.size()));
+    if (m_always_short) return Wire::reply_ints(call, {KC_ERR_SHORT_BUFFER, reported, item.type});
+    const bool written = request.put_output(item.bytes);
+    return Wire::reply_ints(call, {written ? KC_SUCCESS : KC_ERR_SHORT_BUFFER, reported, item.type});
 }
 
 DBusMessage* CFakeKeychain::handle_encrypt(DBusMessage* call, bool decrypt) {
@@ -149,12 +166,15 @@ DBusMessage* CFakeKeychain::handle_encrypt(DBusMessage* call, bool decrypt) {
                  : segment.read_bytes(offset, input_length, input) && segment.read_string(offset, name)) &&
         segment.fits(offset, capacity);
     if (!well_formed) return Wire::reply_ints(call, {KC_ERR_BAD_PARAMS, 0});
+    std::lock_guard<std::mutex> lock(m_items_mutex);
+    if (m_empty_replies) return dbus_message_new_method_return(call);
     if (forced != 0) return Wire::reply_ints(call, {forced, 0});
     const std::string output = scramble(input, name);
     const int32_t output_length = static_cast<int32_t>(output.size());
-    if (output_length > capacity) return Wire::reply_ints(call, {KC_ERR_SHORT_BUFFER, output_length});
+    const int32_t reported = claimed_length(capacity, output_length);
+    if (output_length > capacity) return Wire::reply_ints(call, {KC_ERR_SHORT_BUFFER, reported});
     memcpy(segment.data() + offset, output.data(), output.size());
-    return Wire::reply_ints(call, {KC_SUCCESS, output_length});
+    return Wire::reply_ints(call, {KC_SUCCESS, reported});
 }
 
 }  // namespace Testing

@@ -8,7 +8,6 @@
 #include <sys/shm.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <initializer_list>
 #include <memory>
 #include <mutex>
@@ -59,18 +58,21 @@ struct CPart {
     size_t size;
 };
 
-// What sets the four calls apart besides their parts and arguments.
+// What sets the calls apart besides their parts and arguments.
 struct CCallShape {
     const char* function;  // public function named in the log lines
     const char* member;
     bool with_exe_path;      // kcAddKey and kcGetKey lead with the executable path
     bool mmap_errno_logged;  // kc_add_item's attach message carries no errno
+    // The result when no usable answer came back (failed bus exchange, reply without its
+    // integers): 0 for the historical calls, whose callers rely on it.
+    int32_t unanswered;
 };
 
 // One item call: builds the segment from the parts (after the executable path, if the call carries
 // one) followed by an output area of out_capacity bytes, sends the segment id and args, and hands
 // the reply with the output area to decode while the segment is still attached. A failed bus
-// exchange returns 0 without calling decode.
+// exchange returns shape.unanswered without calling decode.
 template <typename Decode>
 int32_t exchange(const CCallShape& shape, const std::vector<CPart>& parts, uint8_t* caller_out, uint32_t out_capacity,
                  std::initializer_list<int32_t> args, Decode decode) {
@@ -140,7 +142,7 @@ int32_t exchange(const CCallShape& shape, const std::vector<CPart>& parts, uint8
     }
     if (error.is_set() || !reply) {
         KC_LOG(shape.function, "dbus error (%s)\n", error.message());
-        return KC_SUCCESS;
+        return shape.unanswered;
     }
     return decode(reply.get(), output_area);
 }
@@ -154,6 +156,28 @@ bool read_reply(DBusMessage* reply, int32_t* first, int32_t* second = nullptr, i
     }
     return dbus_message_get_args(reply, nullptr, DBUS_TYPE_INT32, first, DBUS_TYPE_INT32, second, DBUS_TYPE_INT32,
                                  third, DBUS_TYPE_INVALID);
+}
+
+// A length the service put in an answer, as the caller may see it: a negative one tells no size.
+uint32_t reported_size(int32_t length) { return length < 0 ? 0 : static_cast<uint32_t>(length); }
+
+// Whether an answer of 0 with this length is one the output area can hold. One that is not would
+// have the caller read past its buffer, so it becomes a short buffer.
+bool fits_capacity(int32_t length, uint32_t capacity) {
+    return length >= 0 && static_cast<uint32_t>(length) <= capacity;
+}
+
+int32_t add_item(const CCallShape& shape, const char* name, const uint8_t* data, uint32_t len, uint32_t item_type) {
+    if (name == nullptr || data == nullptr || len == 0 || item_type > 3) {
+        KC_LOG(shape.function, "bad null params\n");
+        return KC_ERR_BAD_PARAMS;
+    }
+    return exchange(shape, {CPart{name, strlen(name) + 1}, CPart{data, len}}, nullptr, 0,
+                    {static_cast<int32_t>(item_type), static_cast<int32_t>(len)},
+                    [&shape](DBusMessage* reply, const uint8_t*) {
+                        int32_t result = 0;
+                        return read_reply(reply, &result) ? result : shape.unanswered;
+                    });
 }
 
 // kc_encrypt_data and kc_decrypt_data differ only in their layout: input first or name first.
@@ -171,13 +195,15 @@ int32_t transform(const CCallShape& shape, bool data_first, const uint8_t* data,
                     [&](DBusMessage* reply, const uint8_t* output) {
                         int32_t result = 0;
                         int32_t length = 0;
-                        if (!read_reply(reply, &result, &length)) return KC_SUCCESS;
-                        *out_len = static_cast<uint32_t>(length);
-                        if (result == KC_SUCCESS) {
-                            // Never more than we offered, whatever the service claims.
-                            memcpy(out, output, std::min(*out_len, capacity));
-                        } else if (result == KC_ERR_SHORT_BUFFER) {
+                        if (!read_reply(reply, &result, &length)) return shape.unanswered;
+                        *out_len = reported_size(length);
+                        if (result == KC_SUCCESS && fits_capacity(length, capacity)) {
+                            if (*out_len != 0) memcpy(out, output, *out_len);
+                            return KC_SUCCESS;
+                        }
+                        if (result == KC_SUCCESS || result == KC_ERR_SHORT_BUFFER) {
                             KC_LOG(shape.function, "short buffer need %d\n", length);
+                            return KC_ERR_SHORT_BUFFER;
                         }
                         return result;
                     });
@@ -209,21 +235,17 @@ extern "C" void kc_deinit(void) {
 }
 
 extern "C" int32_t kc_add_item(const char* name, const uint8_t* data, uint32_t len, uint32_t item_type) {
-    static const CCallShape kShape{"kc_add_item", kAddKey, true, false};
-    if (name == nullptr || data == nullptr || len == 0 || item_type > 3) {
-        KC_LOG(kShape.function, "bad null params\n");
-        return KC_ERR_BAD_PARAMS;
-    }
-    return exchange(kShape, {CPart{name, strlen(name) + 1}, CPart{data, len}}, nullptr, 0,
-                    {static_cast<int32_t>(item_type), static_cast<int32_t>(len)},
-                    [](DBusMessage* reply, const uint8_t*) {
-                        int32_t result = 0;
-                        return read_reply(reply, &result) ? result : KC_SUCCESS;
-                    });
+    static const CCallShape kShape{"kc_add_item", kAddKey, true, false, KC_SUCCESS};
+    return add_item(kShape, name, data, len, item_type);
+}
+
+extern "C" int32_t kc_add_item_checked(const char* name, const uint8_t* data, uint32_t len, uint32_t item_type) {
+    static const CCallShape kShape{"kc_add_item_checked", kAddKey, true, false, KC_ERR_BUS};
+    return add_item(kShape, name, data, len, item_type);
 }
 
 extern "C" int32_t kc_get_item(const char* name, uint8_t* buf, uint32_t* len, int32_t* item_type) {
-    static const CCallShape kShape{"kc_get_item", kGetKey, true, true};
+    static const CCallShape kShape{"kc_get_item", kGetKey, true, true, KC_SUCCESS};
     if (name == nullptr || len == nullptr || item_type == nullptr || (buf == nullptr && *len != 0)) {
         KC_LOG(kShape.function, "bad null params\n");
         return KC_ERR_BAD_PARAMS;
@@ -234,15 +256,17 @@ extern "C" int32_t kc_get_item(const char* name, uint8_t* buf, uint32_t* len, in
                         int32_t result = 0;
                         int32_t length = 0;
                         int32_t type = 0;
-                        if (!read_reply(reply, &result, &length, &type)) return KC_SUCCESS;
+                        if (!read_reply(reply, &result, &length, &type)) return kShape.unanswered;
                         *item_type = type;
-                        if (result == KC_SUCCESS) {
-                            *len = static_cast<uint32_t>(length);
-                            // Never more than we offered, whatever the service claims.
-                            if (buf != nullptr) memcpy(buf, output, std::min(*len, capacity));
-                        } else if (result == KC_ERR_SHORT_BUFFER) {
+                        if (result == KC_SUCCESS && fits_capacity(length, capacity)) {
+                            *len = reported_size(length);
+                            if (*len != 0) memcpy(buf, output, *len);
+                            return KC_SUCCESS;
+                        }
+                        if (result == KC_SUCCESS || result == KC_ERR_SHORT_BUFFER) {
                             KC_LOG(kShape.function, "short buffer %d : %d\n", static_cast<int32_t>(capacity), length);
-                            *len = static_cast<uint32_t>(length);
+                            *len = reported_size(length);
+                            return KC_ERR_SHORT_BUFFER;
                         }
                         return result;
                     });
@@ -250,12 +274,12 @@ extern "C" int32_t kc_get_item(const char* name, uint8_t* buf, uint32_t* len, in
 
 extern "C" int32_t kc_encrypt_data(const uint8_t* data, uint32_t data_len, const char* name, uint8_t* out,
                                    uint32_t* out_len) {
-    static const CCallShape kShape{"kc_encrypt_data", kEncryptData, false, true};
+    static const CCallShape kShape{"kc_encrypt_data", kEncryptData, false, true, KC_SUCCESS};
     return transform(kShape, true, data, data_len, name, out, out_len);
 }
 
 extern "C" int32_t kc_decrypt_data(const char* name, const uint8_t* data, uint32_t data_len, uint8_t* out,
                                    uint32_t* out_len) {
-    static const CCallShape kShape{"kc_decrypt_data", kDecryptData, false, true};
+    static const CCallShape kShape{"kc_decrypt_data", kDecryptData, false, true, KC_SUCCESS};
     return transform(kShape, false, data, data_len, name, out, out_len);
 }

@@ -6,13 +6,16 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "quorel/keychain/keychain.h"
@@ -122,6 +125,40 @@ TEST_F(AKeychainDevService, ReplacesAnItemAndReportsAnAbsentOne) {
     EXPECT_EQ("second", read_item("item", type));
     EXPECT_EQ(2, type);
     EXPECT_EQ(1u, files().size());
+}
+
+TEST_F(AKeychainDevService, LeavesTheOldItemWholeWhenKilledInTheMiddleOfAWriteAndStartsCleanAgain) {
+    const std::string old_bytes = "old";
+    // Large enough that writing and syncing it takes a while on any disk.
+    const std::string new_bytes(32 * 1024 * 1024, 'n');
+    const std::string item_file = m_dir + "/item.item";
+    ASSERT_TRUE(start_devd());
+    ASSERT_EQ(KC_SUCCESS, kc_add_item("item", bytes_of(old_bytes), old_bytes.size(), 3));
+
+    std::thread writer([&] { kc_add_item("item", bytes_of(new_bytes), new_bytes.size(), 3); });
+    // The write is under way once anything but the item is in the directory, or the item changed.
+    const bool writing = wait_until([&] {
+        struct stat info;
+        return files().size() > 1 || (stat(item_file.c_str(), &info) == 0 && info.st_size != 4);
+    });
+    kill(m_pid, SIGKILL);
+    waitpid(m_pid, nullptr, 0);
+    m_pid = -1;
+    writer.join();
+    ASSERT_TRUE(writing);
+
+    // Whatever the moment of the kill: the item on disk is the whole old one or the whole new one.
+    std::ifstream stream(item_file, std::ios::binary);
+    const std::string on_disk((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
+    const bool old_or_new = on_disk == "\x03" + old_bytes || on_disk == "\x03" + new_bytes;
+    EXPECT_TRUE(old_or_new) << "torn item of " << on_disk.size() << " bytes";
+
+    ASSERT_TRUE(wait_until([this] { return !service_owned(); }));
+    ASSERT_TRUE(start_devd());
+    EXPECT_EQ(std::set<std::string>{"item.item"}, files());
+    int32_t type = 0;
+    const std::string read_back = read_item("item", type);
+    EXPECT_TRUE(read_back == old_bytes || read_back == new_bytes) << read_back.substr(0, 16);
 }
 
 TEST_F(AKeychainDevService, KeepsEveryNameInsideItsDirectoryAndClearsUnfinishedWrites) {

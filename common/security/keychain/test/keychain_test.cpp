@@ -7,6 +7,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "quorel/testsupport/fake_keychain.h"
 #include "quorel/testsupport/keychain_environment.h"
@@ -139,6 +140,76 @@ TEST_F(AKeychainClient, ReportsTheOutputSizeNeededWhenTheOutputBufferIsShort) {
     EXPECT_EQ(1, failures_logged(m_log, "kc_encrypt_data", "short buffer need 6\n"));
 }
 
+TEST_F(AKeychainClient, TurnsASuccessfulReadLongerThanTheBufferIntoShortBufferWithTheClaimedLength) {
+    keychain().set_item("item.f", "abc", 1);
+    keychain().set_length_claim([](int32_t capacity, int32_t) { return capacity + 100; });
+    uint8_t buf[8];
+    uint32_t len = sizeof(buf);
+    int32_t type = -1;
+    EXPECT_EQ(KC_ERR_SHORT_BUFFER, kc_get_item("item.f", buf, &len, &type));
+    EXPECT_EQ(108u, len);
+    EXPECT_EQ(1u, m_log.count("short buffer 8 : 108\n"));
+
+    uint8_t out[8];
+    uint32_t out_len = sizeof(out);
+    EXPECT_EQ(KC_ERR_SHORT_BUFFER, kc_encrypt_data(bytes_of("abc"), 3, "k", out, &out_len));
+    EXPECT_EQ(108u, out_len);
+    out_len = sizeof(out);
+    EXPECT_EQ(KC_ERR_SHORT_BUFFER, kc_decrypt_data("k", bytes_of("abc"), 3, out, &out_len));
+    EXPECT_EQ(108u, out_len);
+}
+
+TEST_F(AKeychainClient, TurnsANegativeLengthIntoShortBufferWithNoSize) {
+    keychain().set_item("item.g", "abc", 1);
+    keychain().set_length_claim([](int32_t, int32_t) { return -1; });
+    uint8_t buf[8];
+    uint32_t len = sizeof(buf);
+    int32_t type = -1;
+    EXPECT_EQ(KC_ERR_SHORT_BUFFER, kc_get_item("item.g", buf, &len, &type));
+    EXPECT_EQ(0u, len);
+    // The size probe: the service's short-buffer answer carries the negative length.
+    EXPECT_EQ(KC_ERR_SHORT_BUFFER, kc_get_item("item.g", nullptr, &len, &type));
+    EXPECT_EQ(0u, len);
+
+    uint8_t out[8];
+    uint32_t out_len = sizeof(out);
+    EXPECT_EQ(KC_ERR_SHORT_BUFFER, kc_encrypt_data(bytes_of("abc"), 3, "k", out, &out_len));
+    EXPECT_EQ(0u, out_len);
+}
+
+TEST_F(AKeychainClient, AcceptsASuccessfulReadThatFillsTheBufferExactly) {
+    keychain().set_item("item.h", "abcd", 1);
+    uint8_t buf[4];
+    uint32_t len = sizeof(buf);
+    int32_t type = -1;
+    EXPECT_EQ(KC_SUCCESS, kc_get_item("item.h", buf, &len, &type));
+    EXPECT_EQ("abcd", std::string(reinterpret_cast<char*>(buf), len));
+}
+
+TEST_F(AKeychainClient, ChecksAWriteLikeKcAddItemWhenTheServiceAnswers) {
+    ASSERT_EQ(KC_SUCCESS, kc_add_item_checked("item.i", bytes_of("x"), 1, 3));
+    std::string seen;
+    ASSERT_TRUE(keychain().get_item("item.i", seen));
+    EXPECT_EQ("x", seen);
+
+    keychain().set_forced_result(-7);
+    EXPECT_EQ(-7, kc_add_item_checked("item.j", bytes_of("x"), 1, 3));
+    EXPECT_EQ(KC_ERR_BAD_PARAMS, kc_add_item_checked("item.j", bytes_of("x"), 1, 4));
+    EXPECT_EQ(1, failures_logged(m_log, "kc_add_item_checked", "bad null params\n"));
+}
+
+TEST_F(AKeychainClient, TellsAReplyWithoutItsResultApartOnlyInTheCheckedWrite) {
+    keychain().set_empty_replies(true);
+    EXPECT_EQ(KC_SUCCESS, kc_add_item("item.k", bytes_of("x"), 1, 3));
+    EXPECT_EQ(KC_ERR_BUS, kc_add_item_checked("item.k", bytes_of("x"), 1, 3));
+    uint8_t buf[4];
+    uint32_t len = sizeof(buf);
+    int32_t type = 9;
+    EXPECT_EQ(KC_SUCCESS, kc_get_item("item.k", buf, &len, &type));
+    EXPECT_EQ(4u, len);
+    EXPECT_EQ(2u, keychain().add_count());
+}
+
 TEST_F(AKeychainClient, LeavesNoSharedMemorySegmentBehindOnAnyPath) {
     uint8_t buf[16];
     uint32_t len = sizeof(buf);
@@ -190,6 +261,35 @@ TEST(AKeychainClientWithoutAService, ReportsSuccessAndLogsTheBusError) {
     EXPECT_EQ(9, type);
     EXPECT_EQ(1, failures_logged(log, "kc_add_item", "dbus error ("));
     EXPECT_EQ(1, failures_logged(log, "kc_get_item", "dbus error ("));
+    kc_deinit();
+}
+
+TEST(AKeychainClientWithoutAService, ReportsTheBusFailureOfACheckedWrite) {
+    CPrivateBus bus;
+    ASSERT_TRUE(bus.start());
+    bus.export_address();
+    ASSERT_EQ(KC_SUCCESS, kc_init());
+    CLogCapture log;
+
+    EXPECT_EQ(KC_ERR_BUS, kc_add_item_checked("item", bytes_of("x"), 1, 3));
+    EXPECT_EQ(1, failures_logged(log, "kc_add_item_checked", "dbus error ("));
+    kc_deinit();
+}
+
+TEST(AKeychainClientWithoutAService, ReportsTheBusFailureOfACheckedWriteWhenTheServiceLeavesMidCall) {
+    CPrivateBus bus;
+    ASSERT_TRUE(bus.start());
+    bus.export_address();
+    CFakeKeychain keychain(bus.address());
+    ASSERT_TRUE(keychain.start());
+    ASSERT_EQ(KC_SUCCESS, kc_init());
+    // The service takes the call and leaves without answering it.
+    keychain.on("kcAddKey", [](DBusMessage*) { return nullptr; });
+    std::thread leaver([&keychain] {
+        if (keychain.wait_for_count("kcAddKey", 1)) keychain.stop();
+    });
+    EXPECT_EQ(KC_ERR_BUS, kc_add_item_checked("item", bytes_of("x"), 1, 3));
+    leaver.join();
     kc_deinit();
 }
 

@@ -2,11 +2,13 @@
 // ("iot.gateway.security.keychain" at "/iot/gateway/security/keychain", interface
 // "iot.gateway.security.keychain.sst"), speaking the shared-memory protocol of the keychain client.
 // Items are kept in memory by name; tests can pre-seed and inspect them, and make the service
-// slow, always answer a chosen code, or answer short-buffer.
+// slow, always answer a chosen code, answer short-buffer, misreport lengths, or answer without
+// values. stop() and start() again take the service off the bus and bring it back with its items.
 #ifndef QUOREL_TESTSUPPORT_FAKE_KEYCHAIN_H
 #define QUOREL_TESTSUPPORT_FAKE_KEYCHAIN_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -41,6 +43,15 @@ public:
     void set_forced_result(int32_t result);
     void set_always_short_buffer(bool always);  // kcGetKey always answers -65526 with the item length
 
+    // A service that misreports lengths: claim(capacity offered, true length) is the length put in
+    // every kcGetKey answer for a present item and every transform answer (result 0 or -65526).
+    // Which result is answered, and what is written, still follow the true length and never
+    // exceed the capacity. An empty function restores the truth.
+    using LengthClaim = std::function<int32_t(int32_t capacity, int32_t length)>;
+    void set_length_claim(LengthClaim claim);
+    // Answer every call with a method return that carries no values at all.
+    void set_empty_replies(bool empty);
+
     // The toy cipher of kcEncryptData / kcDecryptData: its own inverse, keyed by the item name.
     static std::string scramble(const std::string& input, const std::string& name);
 
@@ -50,6 +61,8 @@ private:
     DBusMessage* handle_encrypt(DBusMessage* call, bool decrypt);
     // Waits the configured delay (outside the lock) and returns the forced result.
     int32_t delay_then_forced_result() const;
+    // The length to report for an answer of true length to a call that offered capacity.
+    int32_t claimed_length(int32_t capacity, int32_t length) const;  // requires m_items_mutex
 
     struct Item {
         std::string bytes;
@@ -63,6 +76,8 @@ private:
     int m_delay_ms = 0;                   // guarded by m_items_mutex
     int32_t m_forced_result = 0;          // guarded by m_items_mutex
     bool m_always_short = false;          // guarded by m_items_mutex
+    LengthClaim m_length_claim;           // guarded by m_items_mutex; called with it held
+    bool m_empty_replies = false;         // guarded by m_items_mutex
 };
 
 }  // namespace Testing

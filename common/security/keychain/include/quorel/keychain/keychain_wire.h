@@ -191,9 +191,14 @@ public:
     DBusMessage* answer(DBusMessage* call, const std::string* bytes, int32_t type) {
         if (bytes == nullptr) return reply_ints(call, {kResultNotFound, 0, 0});
         const int32_t length = static_cast<int32_t>(bytes->size());
-        if (length > m_capacity) return reply_ints(call, {KC_ERR_SHORT_BUFFER, length, type});
-        memcpy(m_segment->data() + m_output_offset, bytes->data(), bytes->size());
+        if (!put_output(*bytes)) return reply_ints(call, {KC_ERR_SHORT_BUFFER, length, type});
         return reply_ints(call, {KC_SUCCESS, length, type});
+    }
+    // Copies bytes into the output area; false, with nothing written, when they exceed the capacity.
+    bool put_output(const std::string& bytes) {
+        if (bytes.size() > static_cast<size_t>(m_capacity)) return false;
+        memcpy(m_segment->data() + m_output_offset, bytes.data(), bytes.size());
+        return true;
     }
 
 private:
