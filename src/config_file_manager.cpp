@@ -1,9 +1,13 @@
 #include "quorel/configmanager/config_file_manager.h"
 
+#include <sys/stat.h>
+
+#include <exception>
 #include <fstream>
 
 #include "config_file_manager_internal.h"
 #include "quorel/configmanager/base64.h"
+#include "quorel/configmanager/limits.h"
 #include "quorel/log/log.h"
 
 namespace Quorel {
@@ -18,16 +22,26 @@ constexpr const char kMetadataPath[] = "metadata.";
 namespace Store {
 
 bool load_json_file(Json::Value& out, const std::string& path) {
-    std::ifstream stream(path, std::ios::in | std::ios::binary);
-    Json::CharReaderBuilder builder;
-    Json::Value doc;
     std::string errs;
-    if (!Json::parseFromStream(builder, stream, &doc, &errs)) {
-        QLOG(3, "load json file fail, path:%s, errs:%s.", path.c_str(), errs.c_str());
-        return false;
+    Json::Value doc;
+    struct stat info = {};
+    if (stat(path.c_str(), &info) == 0 && static_cast<uint64_t>(info.st_size) > Limits::kMaxDocumentBytes) {
+        errs = "file larger than " + std::to_string(Limits::kMaxDocumentBytes) + " bytes";
+    } else {
+        std::ifstream stream(path, std::ios::in | std::ios::binary);
+        Json::CharReaderBuilder builder;
+        try {
+            if (Json::parseFromStream(builder, stream, &doc, &errs)) {
+                out.swap(doc);
+                return true;
+            }
+        } catch (const std::exception& e) {
+            // The reader throws instead of failing on documents nested deeper than its limit.
+            errs = e.what();
+        }
     }
-    out.swap(doc);
-    return true;
+    QLOG(3, "load json file fail, path:%s, errs:%s.", path.c_str(), errs.c_str());
+    return false;
 }
 
 bool parse_json(const uint8_t* data, uint32_t size, Json::Value& out, std::string& errs) {
@@ -35,7 +49,13 @@ bool parse_json(const uint8_t* data, uint32_t size, Json::Value& out, std::strin
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     const char* begin = reinterpret_cast<const char*>(data);
     Json::Value doc;
-    if (!reader->parse(begin, begin + size, &doc, &errs)) return false;
+    try {
+        if (!reader->parse(begin, begin + size, &doc, &errs)) return false;
+    } catch (const std::exception& e) {
+        // Nested deeper than the reader's limit: a document like any other that does not parse.
+        errs = e.what();
+        return false;
+    }
     out.swap(doc);
     return true;
 }
@@ -83,6 +103,38 @@ bool may_hold_object(const std::string& text) {
     return first != std::string::npos && (text[first] == '{' || text[first] == '/');
 }
 
+std::string data_as_text(const Json::Value& data) {
+    if (data.isConvertibleTo(Json::stringValue)) return data.asString();
+    // Objects and arrays, which the plain conversion refuses, as compact JSON.
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, data);
+}
+
+bool ts_as_uint64(const Json::Value& ts, uint64_t& out) {
+    // The JSON library's own conversion for everything it converts without throwing (true 1,
+    // null 0, 1.5 1); a real at or beyond 2^64 is refused here because converting it is undefined.
+    switch (ts.type()) {
+        case Json::nullValue:
+        case Json::booleanValue:
+        case Json::uintValue:
+            out = ts.asUInt64();
+            return true;
+        case Json::intValue:
+            if (ts.asInt64() < 0) return false;
+            out = ts.asUInt64();
+            return true;
+        case Json::realValue: {
+            const double real = ts.asDouble();
+            if (!(real >= 0.0 && real < 18446744073709551616.0)) return false;
+            out = ts.asUInt64();
+            return true;
+        }
+        default:
+            return false;
+    }
+}
+
 CConfigFileManagerFullamount::CConfigFileManagerFullamount()
     : Platform::CThread("configmanager_thread", Platform::CThread::POLICY_NORMAL, 64, 0) {}
 
@@ -105,12 +157,53 @@ bool CConfigFileManagerFullamount::set_metadata(const std::string& name, const J
         // The caller's subscription lock does not keep the saver from rendering the document
         // meanwhile; the document lock does.
         Platform::CMutexGuard guard(m_lock);
-        const Json::Path path(kMetadataPath + name);
-        path.make(m_config_json) = value;
+        Json::Value* record = metadata_record(name);
+        if (record == nullptr) return false;
+        *record = value;
     }
+    mark_changed();
+    return true;
+}
+
+bool CConfigFileManagerFullamount::set_metadata_entry(const std::string& name, const std::string& member,
+                                                      const Json::Value* value) {
+    {
+        Platform::CMutexGuard guard(m_lock);
+        Json::Value* record = metadata_record(name);
+        if (record == nullptr) return false;
+        if (!record->isObject()) *record = Json::Value(Json::objectValue);
+        if (value != nullptr) {
+            (*record)[member] = *value;
+        } else {
+            record->removeMember(member);
+        }
+    }
+    mark_changed();
+    return true;
+}
+
+Json::Value* CConfigFileManagerFullamount::metadata_record(const std::string& name) {
+    // A document of another type cannot take a record; a "metadata" of another type gives way to
+    // an object, so the record is kept rather than lost (a stored document may hold anything).
+    if (!m_config_json.isNull() && !m_config_json.isObject()) {
+        QLOG(3, "set_metadata, document is no object, name:%s.", name.c_str());
+        return nullptr;
+    }
+    Json::Value& metadata = m_config_json["metadata"];
+    if (!metadata.isNull() && !metadata.isObject()) metadata = Json::Value(Json::objectValue);
+    const Json::Path path(kMetadataPath + name);
+    try {
+        return &path.make(m_config_json);
+    } catch (const std::exception& e) {
+        // A deeper level of the dotted path that holds a scalar.
+        QLOG(3, "set_metadata, path:%s, exception:%s.", name.c_str(), e.what());
+        return nullptr;
+    }
+}
+
+void CConfigFileManagerFullamount::mark_changed() {
     m_changed.store(true, std::memory_order_release);
     m_save_sem.post();
-    return true;
 }
 
 bool CConfigFileManagerFullamount::load_json_file(Json::Value& out, const std::string& path) {

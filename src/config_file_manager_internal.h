@@ -39,6 +39,8 @@ struct CItemReadTexts {
 
 // Size probe (null buffer, length 0), then one read into a buffer of exactly the announced size.
 // No retry: an item that grew in between fails. On success buf holds len bytes.
+// An announced size above Limits::kMaxDocumentBytes fails the probe (logged with probe_failed)
+// before anything is allocated.
 bool read_keychain_item(const std::string& item, std::unique_ptr<uint8_t[]>& buf, uint32_t& len,
                         const CItemReadTexts& texts);
 

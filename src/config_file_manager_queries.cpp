@@ -1,11 +1,12 @@
-#include <regex.h>
-
 #include <cstdint>
+#include <exception>
 #include <functional>
 
 #include "config_file_manager_internal.h"
+#include "key_pattern.h"
 #include "quorel/configmanager/base64.h"
 #include "quorel/configmanager/config_file_manager.h"
+#include "quorel/configmanager/limits.h"
 #include "quorel/log/log.h"
 
 namespace Quorel {
@@ -16,41 +17,41 @@ namespace {
 
 constexpr const char kLogFile[] = "core-services/config-manager/src/config_file_manager";
 
-// A key pattern: POSIX basic regular expression, case-sensitive, found anywhere in the key.
-// Compiled once per query; a pattern that does not compile matches no key.
-class CKeyPattern {
-public:
-    explicit CKeyPattern(const std::string& pattern) : m_compiled(regcomp(&m_regex, pattern.c_str(), 0) == 0) {}
-    ~CKeyPattern() {
-        if (m_compiled) regfree(&m_regex);
-    }
-    CKeyPattern(const CKeyPattern&) = delete;
-    CKeyPattern& operator=(const CKeyPattern&) = delete;
-
-    bool matches(const std::string& key) const {
-        return m_compiled && regexec(&m_regex, key.c_str(), 0, nullptr, 0) == 0;
-    }
-
-private:
-    regex_t m_regex;
-    bool m_compiled;
-};
+// Why a walk over the keys ended without a usable result; the query then answers false.
+enum class CWalkEnd { kDone, kPatternRefused, kOverBudget };
 
 // Visits the keys of doc["config"] that match pattern, in ascending byte order, logging each
 // match under the querying function's name. Reaching "config" creates it (null) on a null or
-// object document without marking the document changed; other documents have no keys.
-void for_each_match(Json::Value& doc, const std::string& pattern, const char* function,
-                    const std::function<void(const std::string& key, const Json::Value& encoded)>& visit) {
-    if (!doc.isNull() && !doc.isObject()) return;
+// object document without marking the document changed; other documents have no keys. visit
+// returns false to stop the walk (the result has grown past its limit).
+CWalkEnd for_each_match(Json::Value& doc, const std::string& pattern, const char* function,
+                        const std::function<bool(const std::string& key, const Json::Value& encoded)>& visit) {
+    CKeyPattern matcher(pattern);
+    if (!matcher.accepted()) {
+        // Treated as a pattern that does not compile: it matches nothing.
+        log_print(3, "color", "tag", kLogFile, function, __LINE__, "%s, pattern refused (%s): %s", function,
+                  matcher.refusal().c_str(), pattern.c_str());
+        return CWalkEnd::kPatternRefused;
+    }
+    if (!doc.isNull() && !doc.isObject()) return CWalkEnd::kDone;
     const Json::Value& config = doc["config"];
-    if (!config.isObject()) return;
-    const CKeyPattern matcher(pattern);
-    for (const std::string& key : config.getMemberNames()) {
-        if (!matcher.matches(key)) continue;
+    if (!config.isObject()) return CWalkEnd::kDone;
+    for (auto it = config.begin(); it != config.end(); ++it) {
+        const std::string key = it.name();
+        if (!matcher.matches(key)) {
+            if (matcher.over_budget()) {
+                log_print(3, "color", "tag", kLogFile, function, __LINE__,
+                          "%s, pattern ran past its budget of %u ms: %s", function,
+                          static_cast<unsigned>(Limits::kQueryBudgetMs), pattern.c_str());
+                return CWalkEnd::kOverBudget;
+            }
+            continue;
+        }
         log_print(1, "color", "tag", kLogFile, function, __LINE__, "The name %s, key %s is matched", pattern.c_str(),
                   key.c_str());
-        visit(key, config[key]);
+        if (!visit(key, *it)) break;
     }
+    return CWalkEnd::kDone;
 }
 
 // The value text of a stored value and, for an envelope, its "data" and "ts".
@@ -59,21 +60,26 @@ struct CValueView {
     uint64_t ts = 0;
 };
 
-// Reads the envelope leniently with the old reader, as clients have always been served. A "data"
-// that is an object or array, or (when asked for) a "ts" that is no unsigned number, throws
-// Json::LogicError. One reader serves a whole query; text that cannot open an object is not
-// parsed at all, since its view is the text itself.
+// Reads the envelope leniently with the old reader, as clients have always been served. One
+// reader serves a whole query; text that cannot open an object is not parsed at all, since its
+// view is the text itself. A "data" object or array reads as its compact JSON text, a "ts" the
+// conversion refuses as 0, and text nested past the reader's depth limit as text that is no JSON.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 CValueView view_value(Json::Reader& reader, const Json::Value& encoded, bool with_ts) {
     CValueView view;
-    base64_decode(encoded.asString(), view.value);
+    // A stored member of another type than string is written back as it is, but has no value text.
+    if (encoded.isString()) base64_decode(encoded.asString(), view.value);
     if (!may_hold_object(view.value)) return view;
     Json::Value parsed;
-    if (!reader.parse(view.value, parsed, true)) return view;
+    try {
+        if (!reader.parse(view.value, parsed, true)) return view;
+    } catch (const std::exception&) {
+        return view;
+    }
     if (!parsed.isObject() || parsed.empty()) return view;
-    if (with_ts && parsed.isMember("ts")) view.ts = parsed["ts"].asUInt64();
-    if (parsed.isMember("data")) view.value = parsed["data"].asString();
+    if (with_ts && parsed.isMember("ts") && !ts_as_uint64(parsed["ts"], view.ts)) view.ts = 0;
+    if (parsed.isMember("data")) view.value = data_as_text(parsed["data"]);
     return view;
 }
 
@@ -96,15 +102,28 @@ public:
         return m_text;
     }
     bool empty() const { return m_text.empty(); }
+    // False once the text has grown past what one answer may carry; the walk stops then.
+    bool fits() {
+        if (m_text.size() + 2 > Limits::kMaxReplyBytes) m_overflow = true;
+        return !m_overflow;
+    }
+    bool overflow() const { return m_overflow; }
     std::string finish() { return m_text + "]\n"; }
 
 private:
     std::string m_text;
+    bool m_overflow = false;
 };
 
 // Hands the query result over, or reports that nothing matched.
-bool finish_query(CResultArray& result, const std::string& pattern, const char* function, int result_level,
-                  std::string& out) {
+bool finish_query(CResultArray& result, CWalkEnd end, const std::string& pattern, const char* function,
+                  int result_level, std::string& out) {
+    if (end == CWalkEnd::kOverBudget) return false;
+    if (result.overflow()) {
+        log_print(3, "color", "tag", kLogFile, function, __LINE__, "%s, result longer than %zu bytes, pattern:%s",
+                  function, Limits::kMaxReplyBytes, pattern.c_str());
+        return false;
+    }
     if (result.empty()) {
         log_print(1, "color", "tag", kLogFile, function, __LINE__, "Didn't find the key: %s", pattern.c_str());
         return false;
@@ -123,12 +142,42 @@ bool CConfigFileManagerFullamount::get_config(const std::string& key, std::strin
     return Store::lookup_config_value(m_config_json, key, value, kTexts);
 }
 
+namespace {
+
+// What one member of "config" counts towards the store's size limit.
+size_t member_bytes(const std::string& key, const Json::Value& encoded) {
+    return key.size() + (encoded.isString() ? encoded.asString().size() : 0);
+}
+
+}  // namespace
+
+size_t CConfigFileManagerFullamount::config_bytes() {
+    if (!m_config_bytes_known) {
+        m_config_bytes = 0;
+        const Json::Value* config = Store::find_config(m_config_json);
+        if (config != nullptr && config->isObject()) {
+            for (auto it = config->begin(); it != config->end(); ++it) m_config_bytes += member_bytes(it.name(), *it);
+        }
+        m_config_bytes_known = true;
+    }
+    return m_config_bytes;
+}
+
 bool CConfigFileManagerFullamount::set_config(const std::string& key, const std::string& value) {
+    if (key.size() > Limits::kMaxKeyBytes || value.size() > Limits::kMaxValueBytes) {
+        QLOG(3, "set_config, key or value over its limit, key bytes:%zu, value bytes:%zu.", key.size(), value.size());
+        return false;
+    }
     {
         Platform::CMutexGuard guard(m_lock);
+        const size_t bytes = config_bytes();
         if (value.empty()) {
             const Json::Value* config = Store::find_config(m_config_json);
-            if (config != nullptr && config->isObject()) m_config_json["config"].removeMember(key);
+            if (config != nullptr && config->isObject()) {
+                const Json::Value* old = config->find(key.data(), key.data() + key.size());
+                if (old != nullptr) m_config_bytes = bytes - member_bytes(key, *old);
+                m_config_json["config"].removeMember(key);
+            }
         } else {
             // A document or "config" of another type cannot take members; refuse rather than
             // let the JSON library throw into the bus handler.
@@ -137,12 +186,19 @@ bool CConfigFileManagerFullamount::set_config(const std::string& key, const std:
             if (!config.isNull() && !config.isObject()) return false;
             std::string encoded;
             base64_encode(value, encoded);
-            config[key] = encoded;
+            const Json::Value* old = config.find(key.data(), key.data() + key.size());
+            const size_t old_bytes = old != nullptr ? member_bytes(key, *old) : 0;
+            const size_t new_bytes = bytes - old_bytes + key.size() + encoded.size();
+            if ((old == nullptr && config.size() >= Limits::kMaxKeys) || new_bytes > Limits::kMaxStoreBytes) {
+                QLOG(3, "set_config, store full, keys:%u, bytes:%zu, key:%s.", config.size(), bytes, key.c_str());
+                return false;
+            }
+            config[key] = std::move(encoded);
+            m_config_bytes = new_bytes;
         }
     }
     // Even a delete of an absent key is saved: the saver cannot tell and need not.
-    m_changed.store(true, std::memory_order_release);
-    m_save_sem.post();
+    mark_changed();
     return true;
 }
 
@@ -153,37 +209,45 @@ bool CConfigFileManagerFullamount::get_config_batch(const std::string& name, std
     Platform::CMutexGuard guard(m_lock);
     CResultArray result;
     Json::Reader reader;
-    for_each_match(m_config_json, name, __func__, [&](const std::string& key, const Json::Value& encoded) {
-        const CValueView view = view_value(reader, encoded, false);
-        result.next().append("{\"key\":").append(quoted(key)).append(",\"value\":").append(quoted(view.value)) += '}';
-    });
-    return finish_query(result, name, __func__, 0, out);
+    const CWalkEnd end =
+        for_each_match(m_config_json, name, __func__, [&](const std::string& key, const Json::Value& encoded) {
+            const CValueView view = view_value(reader, encoded, false);
+            result.next().append("{\"key\":").append(quoted(key)).append(",\"value\":").append(quoted(view.value)) +=
+                '}';
+            return result.fits();
+        });
+    return finish_query(result, end, name, __func__, 0, out);
 }
 
 bool CConfigFileManagerFullamount::get_config_batch_with_ts(const std::string& name, std::string& out) {
     Platform::CMutexGuard guard(m_lock);
     CResultArray result;
     Json::Reader reader;
-    for_each_match(m_config_json, name, __func__, [&](const std::string& key, const Json::Value& encoded) {
-        const CValueView view = view_value(reader, encoded, true);
-        result.next()
-            .append("{\"key\":")
-            .append(quoted(key))
-            .append(",\"ts\":")
-            .append(std::to_string(view.ts))
-            .append(",\"value\":")
-            .append(quoted(view.value)) += '}';
-    });
-    return finish_query(result, name, __func__, 0, out);
+    const CWalkEnd end =
+        for_each_match(m_config_json, name, __func__, [&](const std::string& key, const Json::Value& encoded) {
+            const CValueView view = view_value(reader, encoded, true);
+            result.next()
+                .append("{\"key\":")
+                .append(quoted(key))
+                .append(",\"ts\":")
+                .append(std::to_string(view.ts))
+                .append(",\"value\":")
+                .append(quoted(view.value)) += '}';
+            return result.fits();
+        });
+    return finish_query(result, end, name, __func__, 0, out);
 }
 #pragma GCC diagnostic pop
 
 bool CConfigFileManagerFullamount::get_config_keylist(const std::string& name, std::string& out) {
     Platform::CMutexGuard guard(m_lock);
     CResultArray result;
-    for_each_match(m_config_json, name, __func__,
-                   [&result](const std::string& key, const Json::Value&) { result.next() += quoted(key); });
-    return finish_query(result, name, __func__, 1, out);
+    const CWalkEnd end =
+        for_each_match(m_config_json, name, __func__, [&result](const std::string& key, const Json::Value&) {
+            result.next() += quoted(key);
+            return result.fits();
+        });
+    return finish_query(result, end, name, __func__, 1, out);
 }
 
 }  // namespace Configmanager

@@ -28,6 +28,14 @@ namespace Configmanager {
 // nor a comment): such a value text is never an envelope, and need not be parsed to know it.
 bool may_hold_object(const std::string& text);
 
+// The text a reader answers for an envelope's "data": strings, numbers and booleans as the JSON
+// library converts them, objects and arrays as compact JSON (which that conversion refuses).
+std::string data_as_text(const Json::Value& data);
+
+// An envelope's "ts" as the JSON library converts it to unsigned 64 bits (true 1, null 0, 1.5 1);
+// false for what that conversion refuses (strings, negative numbers, containers, reals >= 2^64).
+bool ts_as_uint64(const Json::Value& ts, uint64_t& out);
+
 class CConfigFileManagerFullamount : public Platform::CThread {
 public:
     CConfigFileManagerFullamount();
@@ -36,11 +44,17 @@ public:
     // Keychain copy first, else the default file; then the default file merged in (stored values
     // win). Starts the saver thread. Never fails.
     bool start(const std::string& default_path);
-    // Wakes the saver and stops it (3000 ms grace); a pending change is saved if it gets there.
+    // Ends the saver without cancelling it, waiting for a save in flight; then saves any unsaved
+    // change on the calling thread, retrying for about 5 s. Idempotent.
     void stop();
 
     bool get_metadata(const std::string& name, Json::Value& out);
+    // A "metadata" member of another type than object is replaced by an object holding the
+    // record; false only when the document itself is no object.
     bool set_metadata(const std::string& name, const Json::Value& value);
+    // One member of the object record name set to *value, or removed when value is null: the
+    // record is not copied whole, so a large subscription table is edited at the cost of a key.
+    bool set_metadata_entry(const std::string& name, const std::string& member, const Json::Value* value);
 
     // path empty: the keychain copy; otherwise the file at path.
     bool load_json_file(Json::Value& out, const std::string& path);
@@ -49,9 +63,12 @@ public:
 
     bool get_config(const std::string& key, std::string& value);
     // An empty value deletes the key. Every call marks the document changed and wakes the saver.
+    // False, with nothing changed, for a key or value over its limit or a store that would grow
+    // past its limits (limits.h).
     bool set_config(const std::string& key, const std::string& value);
-    // Pattern queries (POSIX basic regular expressions, unanchored); results are compact JSON
-    // arrays followed by a newline.
+    // Pattern queries (POSIX basic regular expressions, unanchored, within the safe subset of
+    // key_pattern.h); results are compact JSON arrays followed by a newline. False also for a
+    // refused pattern, a query over its time budget and a result over the reply limit.
     bool get_config_batch(const std::string& name, std::string& out);
     bool get_config_batch_with_ts(const std::string& name, std::string& out);
     bool get_config_keylist(const std::string& name, std::string& out);
@@ -60,14 +77,23 @@ protected:
     void threadProc() override;
 
 private:
+    Json::Value* metadata_record(const std::string& name) REQUIRES(m_lock);
+    void mark_changed();
+    // Bytes of keys and stored values in "config", for the store's size limit; recounted when the
+    // document was loaded anew.
+    size_t config_bytes() REQUIRES(m_lock);
+
     // Guards the document; held across every query, change and whole keychain save.
     Platform::CMutex m_lock;
     Json::Value m_config_json GUARDED_BY(m_lock);
+    size_t m_config_bytes GUARDED_BY(m_lock) = 0;
+    bool m_config_bytes_known GUARDED_BY(m_lock) = false;
 
     // Posted by every change and by stop(); waited on by the saver thread only.
     Platform::CSemaphore m_save_sem{0};
     // Set by changes after m_lock is released, cleared by the saver before it takes m_lock:
-    // a change made between the clear and the write rides along with that write.
+    // a change made between the clear and the write rides along with that write. A failed save
+    // sets it again, so the retry writes the document as it is by then.
     std::atomic<bool> m_changed{false};
 };
 
@@ -76,7 +102,12 @@ class CConfigFileManagerItems {
 public:
     bool load(const std::string& path);
     bool get_metadata(const std::string& name, Json::Value& out);
+    // A "metadata" member of another type than object is replaced by an object holding the
+    // record; false only when the document itself is no object.
     bool set_metadata(const std::string& name, const Json::Value& value);
+    // One member of the object record name set to *value, or removed when value is null: the
+    // record is not copied whole, so a large subscription table is edited at the cost of a key.
+    bool set_metadata_entry(const std::string& name, const std::string& member, const Json::Value* value);
     bool get_config(const std::string& key, std::string& value);
     bool set_config(const std::string& key, const std::string& value);
     bool get_config_from_json(const std::string& key, std::string& value);

@@ -1,0 +1,822 @@
+#include "key_pattern.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <bitset>
+#include <cassert>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+namespace Quorel {
+namespace Iot {
+namespace Configmanager {
+
+namespace {
+
+using CByteSet = std::bitset<256>;
+
+constexpr unsigned kUnbounded = ~0u;
+
+// What glibc keeps per DFA state, in bytes: the state with its bookkeeping, a transition table of
+// 256 pointers once a key passed through it, and a few arrays of node indices. glibc's node sets also
+// hold the group and alternation nodes around the character positions, hence two nodes a position.
+// Measured with mallinfo2 over keys built to visit many states, glibc held from 1.06 times to a
+// seventeenth of this estimate; the cap on it keeps the real use far below 16 MiB.
+constexpr size_t kStateBytes = 256 + 256 * sizeof(void*);
+constexpr size_t kBytesPerPositionInState = 3 * 2 * sizeof(long);
+// A state of a pattern with anchors exists once per context (plain, after a newline, in a word).
+constexpr size_t kAnchorContexts = 3;
+// The subset check must stay cheap next to what it guards; a pattern that needs more 64-bit word
+// operations than this to explore is refused.
+constexpr size_t kMaxCheckWork = 32 * 1024 * 1024;
+
+// The parse tree of an accepted pattern, as glibc reads it.
+enum class ENodeKind { Empty, Atom, AnchorBegin, AnchorEnd, Concat, Alt, Group, Repeat };
+
+struct CNode {
+    ENodeKind kind = ENodeKind::Empty;
+    CByteSet bytes;  // Atom
+    std::vector<size_t> children;
+    unsigned min = 0;  // Repeat
+    unsigned max = 0;  // Repeat; kUnbounded for "*", "\+", "\{m,\}"
+    bool nullable = true;
+    bool has_repeat = false;
+};
+
+enum class ETokenKind {
+    End,
+    Char,
+    Set,
+    Open,
+    Close,
+    Alt,
+    Star,
+    Plus,
+    Question,
+    OpenInterval,
+    CloseInterval,
+    AnchorBegin,
+    AnchorEnd,
+    BackReference,
+    WordAnchor,
+    TrailingBackslash,
+    Bad,  // a malformed bracket expression; m_refusal says why
+};
+
+struct CToken {
+    ETokenKind kind = ETokenKind::End;
+    unsigned char ch = 0;  // the character the token stands for where it is a literal
+    CByteSet bytes;
+};
+
+CByteSet bytes_where(const std::function<bool(unsigned)>& in_set) {
+    CByteSet set;
+    for (unsigned c = 0; c < 256; ++c) set[c] = in_set(c);
+    return set;
+}
+
+// The C locale's classes, written out so that a process locale cannot change what the check sees.
+bool class_bytes(const std::string& name, CByteSet& out) {
+    auto upper = [](unsigned c) { return c >= 'A' && c <= 'Z'; };
+    auto lower = [](unsigned c) { return c >= 'a' && c <= 'z'; };
+    auto digit = [](unsigned c) { return c >= '0' && c <= '9'; };
+    auto space = [](unsigned c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
+    auto print = [](unsigned c) { return c >= 0x20 && c <= 0x7e; };
+    auto alnum = [&](unsigned c) { return upper(c) || lower(c) || digit(c); };
+    if (name == "alpha") {
+        out = bytes_where([&](unsigned c) { return upper(c) || lower(c); });
+    } else if (name == "upper") {
+        out = bytes_where(upper);
+    } else if (name == "lower") {
+        out = bytes_where(lower);
+    } else if (name == "digit") {
+        out = bytes_where(digit);
+    } else if (name == "xdigit") {
+        out = bytes_where([&](unsigned c) { return digit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); });
+    } else if (name == "space") {
+        out = bytes_where(space);
+    } else if (name == "print") {
+        out = bytes_where(print);
+    } else if (name == "graph") {
+        out = bytes_where([&](unsigned c) { return print(c) && c != ' '; });
+    } else if (name == "punct") {
+        out = bytes_where([&](unsigned c) { return print(c) && c != ' ' && !alnum(c); });
+    } else if (name == "cntrl") {
+        out = bytes_where([](unsigned c) { return c < 0x20 || c == 0x7f; });
+    } else if (name == "blank") {
+        out = bytes_where([](unsigned c) { return c == ' ' || c == '\t'; });
+    } else if (name == "alnum") {
+        out = bytes_where(alnum);
+    } else {
+        return false;
+    }
+    return true;
+}
+
+// Reads a pattern the way glibc's regcomp reads a basic expression without flags (its tokenizer
+// and its recursive descent), builds the tree, and refuses what lies outside the subset.
+class CPatternParser {
+public:
+    explicit CPatternParser(const std::string& pattern) : m_pattern(pattern) {}
+
+    // The root node, or false with refusal() set.
+    bool parse(size_t& root) {
+        fetch(true);
+        // At the top a "\)" does not end a branch: parse_expression refuses it, so this ends at the end.
+        return parse_alternation(0, root);
+    }
+
+    const std::string& refusal() const { return m_refusal; }
+    const std::vector<CNode>& nodes() const { return m_nodes; }
+    bool has_anchor() const { return m_has_anchor; }
+
+private:
+    bool refuse(const std::string& reason) {
+        if (m_refusal.empty()) m_refusal = reason;
+        return false;
+    }
+
+    size_t add(CNode node) {
+        m_nodes.push_back(std::move(node));
+        return m_nodes.size() - 1;
+    }
+
+    unsigned char at(size_t i) const { return static_cast<unsigned char>(m_pattern[i]); }
+    bool has(size_t i) const { return i < m_pattern.size(); }
+
+    // The next token. caret_here: "^" is an anchor here even though it is not the first byte (right
+    // after "\(" and "\|"), as glibc's RE_CARET_ANCHORS_HERE.
+    void fetch(bool caret_here = false) {
+        m_token = CToken{};
+        if (!has(m_pos)) return;
+        const unsigned char c = at(m_pos);
+        m_token.ch = c;
+        if (c == '\\') {
+            if (!has(m_pos + 1)) {
+                m_token.kind = ETokenKind::TrailingBackslash;
+                ++m_pos;
+                return;
+            }
+            const unsigned char c2 = at(m_pos + 1);
+            m_pos += 2;
+            m_token.ch = c2;
+            m_token.kind = ETokenKind::Char;
+            switch (c2) {
+                case '|':
+                    m_token.kind = ETokenKind::Alt;
+                    break;
+                case '(':
+                    m_token.kind = ETokenKind::Open;
+                    break;
+                case ')':
+                    m_token.kind = ETokenKind::Close;
+                    break;
+                case '{':
+                    m_token.kind = ETokenKind::OpenInterval;
+                    break;
+                case '}':
+                    m_token.kind = ETokenKind::CloseInterval;
+                    break;
+                case '+':
+                    m_token.kind = ETokenKind::Plus;
+                    break;
+                case '?':
+                    m_token.kind = ETokenKind::Question;
+                    break;
+                case '<':
+                case '>':
+                case 'b':
+                case 'B':
+                case '`':
+                case '\'':
+                    m_token.kind = ETokenKind::WordAnchor;
+                    break;
+                case 'w':
+                case 'W':
+                    m_token.kind = ETokenKind::Set;
+                    class_bytes("alnum", m_token.bytes);
+                    m_token.bytes.set('_');
+                    if (c2 == 'W') m_token.bytes.flip();
+                    break;
+                case 's':
+                case 'S':
+                    m_token.kind = ETokenKind::Set;
+                    class_bytes("space", m_token.bytes);
+                    if (c2 == 'S') m_token.bytes.flip();
+                    break;
+                default:
+                    if (c2 >= '1' && c2 <= '9') m_token.kind = ETokenKind::BackReference;
+                    break;
+            }
+            return;
+        }
+        ++m_pos;
+        switch (c) {
+            case '*':
+                m_token.kind = ETokenKind::Star;
+                break;
+            case '.':
+                m_token.kind = ETokenKind::Set;
+                m_token.bytes.set();
+                break;
+            case '[':
+                m_token.kind = parse_bracket(m_token.bytes) ? ETokenKind::Set : ETokenKind::Bad;
+                break;
+            case '^':
+                m_token.kind = m_pos == 1 || caret_here ? ETokenKind::AnchorBegin : ETokenKind::Char;
+                break;
+            case '$': {
+                const bool last = !has(m_pos);
+                const bool before_close_or_alt =
+                    has(m_pos + 1) && at(m_pos) == '\\' && (at(m_pos + 1) == ')' || at(m_pos + 1) == '|');
+                m_token.kind = last || before_close_or_alt ? ETokenKind::AnchorEnd : ETokenKind::Char;
+                break;
+            }
+            default:
+                m_token.kind = ETokenKind::Char;
+                break;
+        }
+    }
+
+    // Tokens inside a bracket expression, as glibc's peek_token_bracket (backslash is a literal).
+    enum class EBracketKind { End, Char, Range, Close, OpenCollating, OpenEquivalence, OpenClass };
+    struct CBracketToken {
+        EBracketKind kind;
+        unsigned char ch;
+        size_t length;
+    };
+    CBracketToken peek_bracket(size_t i) const {
+        if (!has(i)) return {EBracketKind::End, 0, 0};
+        const unsigned char c = at(i);
+        if (c == '[' && has(i + 1)) {
+            switch (at(i + 1)) {
+                case '.':
+                    return {EBracketKind::OpenCollating, '.', 2};
+                case '=':
+                    return {EBracketKind::OpenEquivalence, '=', 2};
+                case ':':
+                    return {EBracketKind::OpenClass, ':', 2};
+                default:
+                    break;
+            }
+        }
+        if (c == '-') return {EBracketKind::Range, c, 1};
+        if (c == ']') return {EBracketKind::Close, c, 1};
+        return {EBracketKind::Char, c, 1};
+    }
+
+    struct CBracketElement {
+        EBracketKind kind;  // Char, OpenCollating, OpenEquivalence or OpenClass
+        unsigned char ch;
+        std::string name;
+    };
+
+    // One element at m_pos (which the token starts at); advances past it.
+    bool read_bracket_element(const CBracketToken& token, bool accept_hyphen, CBracketElement& element) {
+        m_pos += token.length;
+        element = {token.kind, token.ch, {}};
+        if (token.kind == EBracketKind::OpenCollating || token.kind == EBracketKind::OpenEquivalence ||
+            token.kind == EBracketKind::OpenClass) {
+            // The name ends at the delimiter followed by "]"; glibc gives up past 32 bytes.
+            for (;;) {
+                if (!has(m_pos + 1) || element.name.size() >= 32) return refuse("unterminated bracket expression");
+                if (at(m_pos) == token.ch && at(m_pos + 1) == ']') break;
+                element.name += m_pattern[m_pos++];
+            }
+            m_pos += 2;
+            return true;
+        }
+        if (token.kind == EBracketKind::Range && !accept_hyphen && peek_bracket(m_pos).kind != EBracketKind::Close)
+            return refuse("misplaced - in bracket expression");
+        element.kind = EBracketKind::Char;
+        return true;
+    }
+
+    bool element_char(const CBracketElement& element, unsigned char& c) {
+        if (element.kind == EBracketKind::Char) {
+            c = element.ch;
+            return true;
+        }
+        // The C locale knows no collating element longer than one character.
+        if (element.name.size() != 1) {
+            const char* open = element.kind == EBracketKind::OpenCollating ? "[." : "[=";
+            const char* close = element.kind == EBracketKind::OpenCollating ? ".]" : "=]";
+            return refuse(std::string("unknown collating element ") + open + element.name + close);
+        }
+        c = static_cast<unsigned char>(element.name[0]);
+        return true;
+    }
+
+    // A bracket expression, m_pos just past its "[", as glibc's parse_bracket_exp.
+    bool parse_bracket(CByteSet& out) {
+        out.reset();
+        bool negate = false;
+        CBracketToken token = peek_bracket(m_pos);
+        if (token.kind == EBracketKind::Char && token.ch == '^') {
+            negate = true;
+            m_pos += 1;
+            token = peek_bracket(m_pos);
+        }
+        if (token.kind == EBracketKind::Close) token.kind = EBracketKind::Char;  // "]" first is a literal
+        bool first = true;
+        for (;;) {
+            if (token.kind == EBracketKind::End) return refuse("unterminated bracket expression");
+            CBracketElement start;
+            if (!read_bracket_element(token, first, start)) return false;
+            first = false;
+            token = peek_bracket(m_pos);
+            bool range = false;
+            CBracketToken end_token{};
+            if (start.kind != EBracketKind::OpenClass && start.kind != EBracketKind::OpenEquivalence) {
+                if (token.kind == EBracketKind::End) return refuse("unterminated bracket expression");
+                if (token.kind == EBracketKind::Range) {
+                    end_token = peek_bracket(m_pos + 1);
+                    if (end_token.kind == EBracketKind::End) return refuse("unterminated bracket expression");
+                    if (end_token.kind == EBracketKind::Close) {
+                        token.kind = EBracketKind::Char;  // "-" last is a literal
+                    } else {
+                        m_pos += 1;
+                        range = true;
+                    }
+                }
+            }
+            if (range) {
+                CBracketElement end;
+                if (!read_bracket_element(end_token, true, end)) return false;
+                token = peek_bracket(m_pos);
+                if (end.kind == EBracketKind::OpenClass || end.kind == EBracketKind::OpenEquivalence)
+                    return refuse("misplaced - in bracket expression");
+                unsigned char low = 0;
+                unsigned char high = 0;
+                if (!element_char(start, low) || !element_char(end, high)) return false;
+                if (low > high) return refuse(std::string("reversed range ") + char(low) + "-" + char(high));
+                for (unsigned c = low; c <= high; ++c) out.set(c);
+            } else if (start.kind == EBracketKind::OpenClass) {
+                CByteSet class_set;
+                if (!class_bytes(start.name, class_set))
+                    return refuse("unknown character class [:" + start.name + ":]");
+                out |= class_set;
+            } else {
+                unsigned char c = 0;
+                if (!element_char(start, c)) return false;
+                out.set(c);
+            }
+            if (token.kind == EBracketKind::End) return refuse("unterminated bracket expression");
+            if (token.kind == EBracketKind::Close) break;
+        }
+        m_pos += 1;  // "]"
+        if (negate) out.flip();
+        return true;
+    }
+
+    bool at_branch_end(size_t depth) const {
+        return m_token.kind == ETokenKind::Alt || m_token.kind == ETokenKind::End ||
+               (depth > 0 && m_token.kind == ETokenKind::Close);
+    }
+
+    // Alternatives separated by "\|", up to the end of the pattern or of the group.
+    bool parse_alternation(size_t depth, size_t& out) {
+        CNode alt;
+        alt.kind = ENodeKind::Alt;
+        alt.nullable = false;
+        for (;;) {
+            size_t branch = 0;
+            if (!parse_branch(depth, branch)) return false;
+            alt.children.push_back(branch);
+            alt.nullable = alt.nullable || m_nodes[branch].nullable;
+            alt.has_repeat = alt.has_repeat || m_nodes[branch].has_repeat;
+            if (m_token.kind != ETokenKind::Alt) break;
+            fetch(true);
+        }
+        out = alt.children.size() == 1 ? alt.children[0] : add(std::move(alt));
+        return true;
+    }
+
+    bool parse_branch(size_t depth, size_t& out) {
+        CNode concat;
+        concat.kind = ENodeKind::Concat;
+        while (!at_branch_end(depth)) {
+            size_t item = 0;
+            if (!parse_expression(depth, item)) return false;
+            concat.children.push_back(item);
+            concat.nullable = concat.nullable && m_nodes[item].nullable;
+            concat.has_repeat = concat.has_repeat || m_nodes[item].has_repeat;
+        }
+        out = add(std::move(concat));
+        return true;
+    }
+
+    bool parse_expression(size_t depth, size_t& out) {
+        CNode node;
+        switch (m_token.kind) {
+            case ETokenKind::Char:
+            case ETokenKind::Star:  // "*", "\+", "\?" and "\}" with nothing before them are literals
+            case ETokenKind::Plus:
+            case ETokenKind::Question:
+            case ETokenKind::CloseInterval:
+                node.kind = ENodeKind::Atom;
+                node.bytes.set(m_token.ch);
+                node.nullable = false;
+                break;
+            case ETokenKind::Set:
+                node.kind = ENodeKind::Atom;
+                node.bytes = m_token.bytes;
+                node.nullable = false;
+                break;
+            case ETokenKind::AnchorBegin:
+            case ETokenKind::AnchorEnd:
+                // An anchor takes no repeat: a "*" after it is a literal, read by the next expression.
+                node.kind = m_token.kind == ETokenKind::AnchorBegin ? ENodeKind::AnchorBegin : ENodeKind::AnchorEnd;
+                m_has_anchor = true;
+                out = add(std::move(node));
+                fetch();
+                return true;
+            case ETokenKind::Open: {
+                if (++m_groups > CKeyPattern::kMaxGroups) return refuse("more than 9 groups");
+                if (depth + 1 > CKeyPattern::kMaxGroupDepth) return refuse("groups nested deeper than 4");
+                fetch(true);
+                size_t body = 0;
+                if (m_token.kind == ETokenKind::Close) {
+                    body = add(CNode{});
+                } else if (!parse_alternation(depth + 1, body)) {
+                    return false;
+                }
+                if (m_token.kind != ETokenKind::Close) return refuse("unmatched \\(");
+                node.kind = ENodeKind::Group;
+                node.children.push_back(body);
+                node.nullable = m_nodes[body].nullable;
+                node.has_repeat = m_nodes[body].has_repeat;
+                break;
+            }
+            case ETokenKind::Close:
+                return refuse("unmatched \\)");
+            case ETokenKind::OpenInterval:
+                return refuse("interval with nothing to repeat");
+            case ETokenKind::BackReference:
+                return refuse(std::string("back-reference \\") + char(m_token.ch));
+            case ETokenKind::WordAnchor:
+                return refuse(std::string("word or buffer anchor \\") + char(m_token.ch));
+            case ETokenKind::TrailingBackslash:
+                return refuse("trailing backslash");
+            case ETokenKind::Bad:
+                return false;
+            case ETokenKind::End:
+            case ETokenKind::Alt:
+                assert(!"parse_branch ends a branch on these");
+                return refuse("does not compile");
+        }
+        fetch();
+        bool repeated = false;
+        while (m_token.kind == ETokenKind::Star || m_token.kind == ETokenKind::Plus ||
+               m_token.kind == ETokenKind::Question || m_token.kind == ETokenKind::OpenInterval) {
+            unsigned min = 0;
+            unsigned max = kUnbounded;
+            if (m_token.kind == ETokenKind::Plus) min = 1;
+            if (m_token.kind == ETokenKind::Question) max = 1;
+            if (m_token.kind == ETokenKind::OpenInterval && !parse_interval(min, max)) return false;
+            // glibc nests one repeat in another; a loop of a loop is where its matcher runs away.
+            if (repeated) return refuse("repeat of a repeat");
+            if (node.kind == ENodeKind::Group && node.has_repeat) return refuse("repeat of a group that repeats");
+            if (node.kind == ENodeKind::Group && node.nullable) return refuse("repeat of a group that can match empty");
+            repeated = true;
+            CNode repeat;
+            repeat.kind = ENodeKind::Repeat;
+            repeat.min = min;
+            repeat.max = max;
+            repeat.nullable = min == 0;
+            repeat.has_repeat = true;
+            repeat.children.push_back(add(std::move(node)));
+            node = std::move(repeat);
+            fetch();
+        }
+        out = add(std::move(node));
+        return true;
+    }
+
+    // "\{m\}", "\{m,\}", "\{,n\}", "\{m,n\}" with m_pos just past "\{"; leaves m_pos on its "\}".
+    bool parse_interval(unsigned& min, unsigned& max) {
+        auto digits = [this](std::string& text) {
+            while (has(m_pos) && at(m_pos) >= '0' && at(m_pos) <= '9') text += m_pattern[m_pos++];
+        };
+        std::string low;
+        std::string high;
+        digits(low);
+        const bool comma = has(m_pos) && at(m_pos) == ',';
+        if (comma) {
+            ++m_pos;
+            digits(high);
+        }
+        if ((low.empty() && !comma) || !has(m_pos + 1) || at(m_pos) != '\\' || at(m_pos + 1) != '}')
+            return refuse("malformed interval");
+        m_pos += 2;
+        for (const std::string* bound : {&low, &high}) {
+            if (bound->empty()) continue;
+            // Compared as text first: a bound may not fit any integer.
+            const size_t first_digit = std::min(bound->find_first_not_of('0'), bound->size());
+            const std::string significant = bound->substr(first_digit);
+            if (significant.size() > 2 ||
+                (significant.empty() ? 0u : std::stoul(significant)) > Limits::kMaxRepeatBound)
+                return refuse("bound " + *bound + " above " + std::to_string(Limits::kMaxRepeatBound));
+        }
+        min = low.empty() ? 0 : static_cast<unsigned>(std::stoul(low));
+        max = !comma ? min : high.empty() ? kUnbounded : static_cast<unsigned>(std::stoul(high));
+        if (max < min) return refuse("reversed interval " + low + "," + high);
+        return true;
+    }
+
+    const std::string& m_pattern;
+    size_t m_pos = 0;
+    CToken m_token;
+    std::vector<CNode> m_nodes;
+    std::string m_refusal;
+    size_t m_groups = 0;
+    bool m_has_anchor = false;
+};
+
+// Glushkov's position automaton of the tree, with bounded repeats expanded the way glibc expands
+// them ("x\{2,4\}" is "xx((x)?x)?"), and the subset construction over it. A DFA state of glibc's
+// matcher is the set of positions a run has just matched (with the group and alternation nodes
+// around them); glibc runs the DFA from every start position, so the states it can create are the
+// subsets reachable from the start, whatever the keys. Counting them bounds its memory.
+class CMatcherEstimate {
+public:
+    explicit CMatcherEstimate(const std::vector<CNode>& nodes) : m_nodes(nodes) {}
+
+    static size_t positions(const std::vector<CNode>& nodes, size_t index) {
+        const CNode& node = nodes[index];
+        size_t sum = 0;
+        switch (node.kind) {
+            case ENodeKind::Atom:
+                return 1;
+            case ENodeKind::Repeat: {
+                const size_t copies = node.max == kUnbounded ? node.min + 1 : node.max;
+                return copies * positions(nodes, node.children[0]);
+            }
+            default:
+                for (size_t child : node.children) sum += positions(nodes, child);
+                return sum;
+        }
+    }
+
+    // Builds the automaton for the tree at root with count positions, then explores it. False when
+    // the exploration needs more work than kMaxCheckWork.
+    bool estimate(size_t root, size_t count, size_t contexts, size_t& bytes) {
+        m_words = (count + 2 + 63) / 64;  // two more positions: the start at the key's first byte, and later
+        m_follow.assign((count + 2) * m_words, 0);
+        m_atom.assign(count, nullptr);
+        m_next = 0;
+        const CInfo info = build(root);
+        const size_t start_first = count;
+        const size_t start_later = count + 1;
+        or_into(follow(start_first), info.first_at_start.data());
+        or_into(follow(start_later), info.first.data());
+        return explore(count, start_first, start_later, contexts, bytes);
+    }
+
+private:
+    using CBits = std::vector<uint64_t>;
+
+    // first: positions a run can match first when it is past the key's first byte (where "^" never
+    // holds); first_at_start: the same at the first byte. last: positions after which the rest of
+    // the node can match empty. A "$" lets nothing follow it.
+    struct CInfo {
+        bool nullable;
+        bool nullable_at_start;
+        CBits first;
+        CBits first_at_start;
+        CBits last;
+    };
+
+    uint64_t* follow(size_t position) { return &m_follow[position * m_words]; }
+    void or_into(uint64_t* to, const uint64_t* from) {
+        for (size_t w = 0; w < m_words; ++w) to[w] |= from[w];
+        m_work += m_words;
+    }
+    CInfo empty_info(bool nullable) const {
+        return {nullable, nullable, CBits(m_words, 0), CBits(m_words, 0), CBits(m_words, 0)};
+    }
+
+    // Every position of a.last is followed by b.first; returns the info of a then b.
+    CInfo concat(CInfo a, const CInfo& b) {
+        for (size_t w = 0; w < m_words; ++w) {
+            for (uint64_t bits = a.last[w]; bits != 0; bits &= bits - 1)
+                or_into(follow(w * 64 + static_cast<size_t>(__builtin_ctzll(bits))), b.first.data());
+        }
+        CInfo out = empty_info(a.nullable && b.nullable);
+        out.nullable_at_start = a.nullable_at_start && b.nullable_at_start;
+        for (size_t w = 0; w < m_words; ++w) {
+            out.first[w] = a.first[w] | (a.nullable ? b.first[w] : 0);
+            out.first_at_start[w] = a.first_at_start[w] | (a.nullable_at_start ? b.first_at_start[w] : 0);
+            out.last[w] = b.last[w] | (b.nullable ? a.last[w] : 0);
+        }
+        return out;
+    }
+
+    CInfo optional(CInfo a) {
+        a.nullable = true;
+        a.nullable_at_start = true;
+        return a;
+    }
+
+    CInfo star(CInfo a) {
+        for (size_t w = 0; w < m_words; ++w) {
+            for (uint64_t bits = a.last[w]; bits != 0; bits &= bits - 1)
+                or_into(follow(w * 64 + static_cast<size_t>(__builtin_ctzll(bits))), a.first.data());
+        }
+        return optional(std::move(a));
+    }
+
+    CInfo build(size_t index) {
+        const CNode& node = m_nodes[index];
+        switch (node.kind) {
+            case ENodeKind::Empty:
+                return empty_info(true);
+            case ENodeKind::AnchorBegin: {
+                CInfo info = empty_info(false);
+                info.nullable_at_start = true;
+                return info;
+            }
+            case ENodeKind::AnchorEnd:
+                return empty_info(false);
+            case ENodeKind::Atom: {
+                const size_t position = m_next++;
+                m_atom[position] = &node.bytes;
+                CInfo info = empty_info(false);
+                info.first[position / 64] |= uint64_t{1} << (position % 64);
+                info.first_at_start = info.first;
+                info.last = info.first;
+                return info;
+            }
+            case ENodeKind::Group:
+                return build(node.children[0]);
+            case ENodeKind::Concat: {
+                CInfo info = empty_info(true);
+                for (size_t child : node.children) info = concat(std::move(info), build(child));
+                return info;
+            }
+            case ENodeKind::Alt: {
+                CInfo info = empty_info(false);
+                info.nullable_at_start = false;
+                for (size_t child : node.children) {
+                    const CInfo branch = build(child);
+                    info.nullable = info.nullable || branch.nullable;
+                    info.nullable_at_start = info.nullable_at_start || branch.nullable_at_start;
+                    for (size_t w = 0; w < m_words; ++w) {
+                        info.first[w] |= branch.first[w];
+                        info.first_at_start[w] |= branch.first_at_start[w];
+                        info.last[w] |= branch.last[w];
+                    }
+                }
+                return info;
+            }
+            case ENodeKind::Repeat: {
+                const size_t child = node.children[0];
+                CInfo info = empty_info(true);
+                for (unsigned i = 0; i < node.min; ++i) info = concat(std::move(info), build(child));
+                if (node.max == kUnbounded) return concat(std::move(info), star(build(child)));
+                if (node.max == node.min) return info;
+                CInfo tail = optional(build(child));
+                for (unsigned i = node.min + 2; i <= node.max; ++i)
+                    tail = optional(concat(std::move(tail), build(child)));
+                return concat(std::move(info), tail);
+            }
+        }
+        return empty_info(true);
+    }
+
+    struct CHash {
+        size_t operator()(const CBits& bits) const {
+            size_t hash = 1469598103934665603ull;
+            for (uint64_t word : bits) hash = (hash ^ word) * 1099511628211ull;
+            return hash;
+        }
+    };
+
+    bool explore(size_t count, size_t start_first, size_t start_later, size_t contexts, size_t& bytes) {
+        // Bytes that every position treats alike make one input class; a key is a word over them.
+        std::vector<std::vector<size_t>> by_class;
+        {
+            std::unordered_map<std::string, size_t> class_of;
+            std::vector<CBits> masks;
+            for (unsigned c = 1; c < 256; ++c) {
+                std::string signature(count, '0');
+                CBits mask(m_words, 0);
+                for (size_t p = 0; p < count; ++p) {
+                    if ((*m_atom[p])[c]) {
+                        signature[p] = '1';
+                        mask[p / 64] |= uint64_t{1} << (p % 64);
+                    }
+                }
+                m_work += count / 8;
+                if (class_of.emplace(signature, masks.size()).second) masks.push_back(mask);
+            }
+            m_masks = std::move(masks);
+        }
+        std::unordered_set<CBits, CHash> seen;
+        std::deque<CBits> queue;
+        auto visit = [&](CBits state) {
+            if (seen.insert(state).second) queue.push_back(std::move(state));
+        };
+        CBits start(m_words, 0);
+        start[start_first / 64] |= uint64_t{1} << (start_first % 64);
+        visit(start);
+        start.assign(m_words, 0);
+        start[start_later / 64] |= uint64_t{1} << (start_later % 64);
+        visit(start);
+        bytes = 0;
+        CBits reach(m_words, 0);
+        CBits next(m_words, 0);
+        while (!queue.empty()) {
+            const CBits state = std::move(queue.front());
+            queue.pop_front();
+            std::fill(reach.begin(), reach.end(), 0);
+            for (size_t w = 0; w < m_words; ++w) {
+                for (uint64_t bits = state[w]; bits != 0; bits &= bits - 1)
+                    or_into(reach.data(), follow(w * 64 + static_cast<size_t>(__builtin_ctzll(bits))));
+            }
+            size_t reach_count = 0;
+            for (uint64_t word : reach) reach_count += static_cast<size_t>(__builtin_popcountll(word));
+            bytes += contexts * (kStateBytes + kBytesPerPositionInState * reach_count);
+            if (bytes > CKeyPattern::kMaxMatcherBytes) return true;
+            for (const CBits& mask : m_masks) {
+                bool any = false;
+                for (size_t w = 0; w < m_words; ++w) {
+                    next[w] = reach[w] & mask[w];
+                    any = any || next[w] != 0;
+                }
+                m_work += m_words;
+                if (any) visit(next);
+            }
+            if (m_work > kMaxCheckWork) return false;
+        }
+        return true;
+    }
+
+    const std::vector<CNode>& m_nodes;
+    size_t m_words = 0;
+    CBits m_follow;
+    std::vector<const CByteSet*> m_atom;
+    std::vector<CBits> m_masks;
+    size_t m_next = 0;
+    size_t m_work = 0;
+};
+
+// The refusal for pattern, or an empty text when it lies in the subset.
+std::string check(const std::string& pattern) {
+    if (pattern.size() > Limits::kMaxPatternBytes)
+        return "pattern longer than " + std::to_string(Limits::kMaxPatternBytes) + " bytes";
+    // regcomp would see only the text before it.
+    if (pattern.find('\0') != std::string::npos) return "NUL byte in pattern";
+    CPatternParser parser(pattern);
+    size_t root = 0;
+    if (!parser.parse(root)) return parser.refusal();
+    const size_t count = CMatcherEstimate::positions(parser.nodes(), root);
+    if (count > CKeyPattern::kMaxPositions)
+        return "more than " + std::to_string(CKeyPattern::kMaxPositions) + " positions once repeats are expanded";
+    CMatcherEstimate estimate(parser.nodes());
+    size_t bytes = 0;
+    if (!estimate.estimate(root, count, parser.has_anchor() ? kAnchorContexts : 1, bytes))
+        return "too complex to check";
+    if (bytes > CKeyPattern::kMaxMatcherBytes)
+        return "matcher could need more than " + std::to_string(CKeyPattern::kMaxMatcherBytes >> 20) + " MiB";
+    return {};
+}
+
+int64_t monotonic_ns() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+}  // namespace
+
+CKeyPattern::CKeyPattern(const std::string& pattern, uint32_t budget_ms)
+    : m_budget_ns(static_cast<int64_t>(budget_ms) * 1000000) {
+    m_refusal = check(pattern);
+    if (!m_refusal.empty()) return;
+    m_compiled = regcomp(&m_regex, pattern.c_str(), 0) == 0;
+    if (!m_compiled) m_refusal = "does not compile";
+}
+
+CKeyPattern::~CKeyPattern() {
+    if (m_compiled) regfree(&m_regex);
+}
+
+bool CKeyPattern::matches(const std::string& key) {
+    if (!m_compiled || m_over_budget) return false;
+    const int64_t start = monotonic_ns();
+    const bool found = regexec(&m_regex, key.c_str(), 0, nullptr, 0) == 0;
+    m_spent_ns += monotonic_ns() - start;
+    if (m_spent_ns > m_budget_ns) m_over_budget = true;
+    return found;
+}
+
+}  // namespace Configmanager
+}  // namespace Iot
+}  // namespace Quorel
