@@ -35,11 +35,7 @@ bool CConfigBusiness::start(const std::string& path) {
         QLOG(3, "start, config manager start fail.");
         return false;
     }
-    {
-        Platform::CMutexGuard guard(m_subscribe_mutex);
-        m_file_manager.get_metadata("subscribe", m_subscribe);
-        QLOG(1, "start, subscribe rules:%s.", m_subscribe.toStyledString().c_str());
-    }
+    load_subscribe_map();
     if (connect_to_bus() != 0) {
         QLOG(3, "start, connect to dbus fail.");
         m_file_manager.stop();
@@ -53,7 +49,9 @@ bool CConfigBusiness::start(const std::string& path) {
 void CConfigBusiness::stop() {
     if (!m_started) return;
     m_started = false;
-    m_file_manager.stop();
+    // No request is taken from here on, so every set answered 0 is in the document before the
+    // store's last save below; callers still waiting get an error from the bus when we leave it.
+    stop_reading();
     {
         // Each waiting caller gets the shutdown text instead of a code; the records go with the map.
         Platform::CMutexGuard guard(m_pending_mutex);
@@ -62,7 +60,9 @@ void CConfigBusiness::stop() {
             if (!send_dbus_reply(entry.second->reply)) QLOG(3, "stop, send dbud reply.");
         }
         m_pending_replies.clear();
+        m_questions_per_owner.clear();
     }
+    m_file_manager.stop();
     // Completions still held by the bus layer come back to callback with status 1 and find nothing.
     disconnect();
 }

@@ -1,13 +1,16 @@
 // The configuration service's method handlers: introspection, the get family, the two sets and
 // the value envelope of set_config_with_ts.
+#include <dbus/dbus.h>
 #include <json/json.h>
 #include <time.h>
 
+#include <exception>
 #include <memory>
 #include <sstream>
 
 #include "config_business_codes.h"
 #include "quorel/configmanager/config_business.h"
+#include "quorel/configmanager/limits.h"
 #include "quorel/log/log.h"
 
 namespace Quorel {
@@ -91,18 +94,20 @@ bool parse_json(const std::string& text, Json::Value& out) {
     // per request (comments allowed, trailing text ignored).
     thread_local std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
     std::string errors;
-    return reader->parse(text.data(), text.data() + text.size(), &out, &errors);
+    try {
+        return reader->parse(text.data(), text.data() + text.size(), &out, &errors);
+    } catch (const std::exception&) {
+        // Nested past the reader's depth limit: text that is no JSON.
+        return false;
+    }
 }
 
 bool is_envelope(const Json::Value& parsed) { return parsed.isObject() && !parsed.empty() && parsed.isMember("data"); }
 
-// Strings, numbers and booleans convert the JSON library's way; a structured "data" member (which
-// that conversion refuses) is handed back as compact JSON instead of failing the request.
-std::string data_text(const Json::Value& data) {
-    if (data.isConvertibleTo(Json::stringValue)) return data.asString();
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, data);
+// What a get-family answer may carry: libdbus ends the process on text that is not UTF-8, and the
+// bus daemon drops a connection whose message is over its size limit.
+bool answerable(const std::string& text) {
+    return text.size() <= Limits::kMaxReplyBytes && dbus_validate_utf8(text.c_str(), nullptr);
 }
 
 }  // namespace
@@ -117,7 +122,12 @@ void CConfigBusiness::handle_get(DBus::CDBusMethodCall& request, DBus::CDBusMeth
     QLOG(1, "handle_get, key:%s, code: %d", key.c_str(), code);
     std::string value = text;
     Json::Value parsed;
-    if (code == kOk && parse_json(text, parsed) && is_envelope(parsed)) value = data_text(parsed["data"]);
+    if (code == kOk && parse_json(text, parsed) && is_envelope(parsed)) value = data_as_text(parsed["data"]);
+    if (!answerable(value)) {
+        QLOG(3, "handle_get, key:%s, value is no UTF-8 text within %zu bytes.", key.c_str(), Limits::kMaxReplyBytes);
+        code = kNotFound;
+        value.clear();
+    }
     reply.set_int32(code);
     reply.set_string(value);
 }
@@ -135,18 +145,24 @@ void CConfigBusiness::handle_get_with_ts(DBus::CDBusMethodCall& request, DBus::C
             code = kNotFound;
         } else {
             const bool object = parsed.isObject() && !parsed.empty();
-            // A "ts" that is no unsigned 64-bit number counts as missing rather than aborting.
-            if (object && parsed.isMember("ts") && parsed["ts"].isUInt64()) {
-                ts = parsed["ts"].asUInt64();
-            } else {
+            // A "ts" the conversion refuses counts as missing rather than aborting the request.
+            if (!object || !parsed.isMember("ts") || !ts_as_uint64(parsed["ts"], ts)) {
+                ts = 0;
                 code = kNotFound;
             }
             if (object && parsed.isMember("data")) {
-                data = data_text(parsed["data"]);
+                data = data_as_text(parsed["data"]);
             } else {
                 code = kNotFound;
             }
         }
+    }
+    if (!answerable(data)) {
+        QLOG(3, "handle_get_with_ts, key:%s, value is no UTF-8 text within %zu bytes.", key.c_str(),
+             Limits::kMaxReplyBytes);
+        code = kNotFound;
+        data.clear();
+        ts = 0;
     }
     QLOG(0, "handle_get_with_ts, key:%s, timestamp: %llu", key.c_str(), static_cast<unsigned long long>(ts));
     reply.set_int32(code);
@@ -160,6 +176,12 @@ void CConfigBusiness::handle_get_key(DBus::CDBusMethodCall& request, DBus::CDBus
     std::string key;
     std::string result;
     if (request.get_string(key)) code = (m_file_manager.*query)(key, result) ? kOk : kNotFound;
+    if (!answerable(result)) {
+        QLOG(3, "handle_get_key, key:%s, result is no UTF-8 text within %zu bytes.", key.c_str(),
+             Limits::kMaxReplyBytes);
+        code = kNotFound;
+        result.clear();
+    }
     QLOG(1, "handle_get_key, key:%s, %s:%s", key.c_str(), result_label, result.c_str());
     reply.set_int32(code);
     reply.set_string(result);
@@ -215,6 +237,14 @@ bool CConfigBusiness::apply_set(const std::string& key, const std::string& store
         }
         return true;
     }
+    // An owner that leaves its questions unanswered holds its own key, not the service: beyond its
+    // share the setter is told at once that the owner cannot be asked.
+    const std::string owner = owner_of(key);
+    if (!may_ask(owner)) {
+        QLOG(3, "apply_set, owner %s holds too many unanswered questions, key:%s.", owner.c_str(), key.c_str());
+        reply.set_int32(kOwnerUnreachable);
+        return false;
+    }
     uint64_t serial = 0;
     if (!notify_to_owner(key, notified, serial)) {
         reply.set_int32(kOwnerUnreachable);
@@ -223,7 +253,7 @@ bool CConfigBusiness::apply_set(const std::string& key, const std::string& store
     // The owner's answer is processed later on this same thread, so the record is in the table
     // before its completion can look for it.
     need_reply = false;
-    defer_reply(serial, reply, key, stored);
+    defer_reply(serial, reply, key, stored, owner);
     return true;
 }
 

@@ -4,6 +4,7 @@
 
 #include "config_business_codes.h"
 #include "quorel/configmanager/config_business.h"
+#include "quorel/configmanager/limits.h"
 #include "quorel/log/log.h"
 
 namespace Quorel {
@@ -16,22 +17,35 @@ using namespace BusinessCode;
 }  // namespace
 
 void CConfigBusiness::defer_reply(uint64_t serial, const DBus::CDBusMethodReturn& reply, const std::string& key,
-                                  const std::string& value) {
-    std::unique_ptr<PendingReply> pending(new PendingReply{reply, key, value});
+                                  const std::string& value, const std::string& owner) {
+    std::unique_ptr<PendingReply> pending(new PendingReply{reply, key, value, owner});
     Platform::CMutexGuard guard(m_pending_mutex);
     m_pending_replies[serial] = std::move(pending);
+    ++m_questions_per_owner[owner];
+}
+
+bool CConfigBusiness::may_ask(const std::string& owner) {
+    Platform::CMutexGuard guard(m_pending_mutex);
+    if (m_pending_replies.size() >= Limits::kMaxOwnerQuestionsTotal) return false;
+    const auto it = m_questions_per_owner.find(owner);
+    return it == m_questions_per_owner.end() || it->second < Limits::kMaxOwnerQuestions;
+}
+
+std::unique_ptr<CConfigBusiness::PendingReply> CConfigBusiness::take_pending(uint64_t serial) {
+    Platform::CMutexGuard guard(m_pending_mutex);
+    auto it = m_pending_replies.find(serial);
+    if (it == m_pending_replies.end()) return nullptr;
+    std::unique_ptr<PendingReply> pending = std::move(it->second);
+    m_pending_replies.erase(it);
+    auto count = m_questions_per_owner.find(pending->owner);
+    if (count != m_questions_per_owner.end() && --count->second == 0) m_questions_per_owner.erase(count);
+    return pending;
 }
 
 void CConfigBusiness::callback(uint32_t status, DBus::CDBusMessage* message, void* user_data) {
     const uint64_t serial = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(user_data));
-    std::unique_ptr<PendingReply> pending;
-    {
-        Platform::CMutexGuard guard(m_pending_mutex);
-        auto it = m_pending_replies.find(serial);
-        if (it == m_pending_replies.end()) return;
-        pending = std::move(it->second);
-        m_pending_replies.erase(it);
-    }
+    std::unique_ptr<PendingReply> pending = take_pending(serial);
+    if (!pending) return;
     // The bus layer gave up on the call (disconnecting): the caller runs into its own time limit.
     if (status != 0) return;
 

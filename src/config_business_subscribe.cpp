@@ -6,9 +6,11 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "config_business_codes.h"
 #include "quorel/configmanager/config_business.h"
+#include "quorel/configmanager/limits.h"
 #include "quorel/log/log.h"
 
 namespace Quorel {
@@ -31,6 +33,14 @@ const Json::Value* find_entries(const Json::Value& map, const std::string& key) 
 }
 
 bool has_type(const Json::Value& entry, int32_t type) { return entry.isInt() && entry.asInt() == type; }
+
+// Subscription entries in a map as loaded or built: the map's size bound counts these.
+size_t count_entries(const Json::Value& map) {
+    size_t count = 0;
+    if (!map.isObject()) return 0;
+    for (const Json::Value& entries : map) count += entries.isObject() ? entries.size() : 0;
+    return count;
+}
 
 }  // namespace
 
@@ -87,6 +97,14 @@ void CConfigBusiness::handle_unsubscribe(DBus::CDBusMethodCall& request, DBus::C
     reply.set_int32(kOk);
 }
 
+void CConfigBusiness::load_subscribe_map() {
+    Platform::CMutexGuard guard(m_subscribe_mutex);
+    m_subscribe = Json::Value();
+    m_file_manager.get_metadata(kMetadataName, m_subscribe);
+    QLOG(1, "start, subscribe rules:%s.", m_subscribe.toStyledString().c_str());
+    m_subscribe_entries = count_entries(m_subscribe);
+}
+
 bool CConfigBusiness::add_subscribe_map(const std::string& key, const std::string& dbus_name, int32_t type) {
     Platform::CMutexGuard guard(m_subscribe_mutex);
     const Json::Value* entries = find_entries(m_subscribe, key);
@@ -98,18 +116,35 @@ bool CConfigBusiness::add_subscribe_map(const std::string& key, const std::strin
             }
         }
     }
-    m_subscribe[key][dbus_name] = type;
-    m_file_manager.set_metadata(kMetadataName, m_subscribe);
+    const bool is_new = entries == nullptr || !entries->isMember(dbus_name);
+    if (key.size() > Limits::kMaxKeyBytes || (is_new && m_subscribe_entries >= Limits::kMaxSubscriptions)) {
+        QLOG(3, "add_subscribe_map, table full or key too long, entries:%zu, key bytes:%zu.", m_subscribe_entries,
+             key.size());
+        return false;
+    }
+    // A loaded map may hold anything: a level of another type gives way to an object.
+    if (!m_subscribe.isObject()) m_subscribe = Json::Value(Json::objectValue);
+    Json::Value& slot = m_subscribe[key];
+    if (!slot.isObject()) slot = Json::Value(Json::objectValue);
+    slot[dbus_name] = type;
+    if (is_new) ++m_subscribe_entries;
+    // Only the key's own entries are written into the stored record, so that a change costs the
+    // same whatever the size of the table.
+    m_file_manager.set_metadata_entry(kMetadataName, key, &slot);
     return true;
 }
 
 void CConfigBusiness::remove_subscriber(const std::string& key, const std::string& dbus_name) {
     const Json::Value* entries = find_entries(m_subscribe, key);
     if (entries == nullptr || !entries->isMember(dbus_name)) return;
+    --m_subscribe_entries;
     if (entries->size() == 1) {
         m_subscribe.removeMember(key);
+        m_file_manager.set_metadata_entry(kMetadataName, key, nullptr);
     } else {
-        m_subscribe[key].removeMember(dbus_name);
+        Json::Value& slot = m_subscribe[key];
+        slot.removeMember(dbus_name);
+        m_file_manager.set_metadata_entry(kMetadataName, key, &slot);
     }
 }
 
@@ -118,9 +153,15 @@ bool CConfigBusiness::del_subscribe_map(const std::string& key, const std::strin
     if (key != kAllKeys) {
         remove_subscriber(key, dbus_name);
     } else if (m_subscribe.isObject()) {
-        for (const std::string& each : m_subscribe.getMemberNames()) remove_subscriber(each, dbus_name);
+        std::vector<std::string> keys;
+        for (auto it = m_subscribe.begin(); it != m_subscribe.end(); ++it) {
+            if (it->isObject() && it->isMember(dbus_name)) keys.push_back(it.name());
+        }
+        for (const std::string& each : keys) remove_subscriber(each, dbus_name);
     }
-    m_file_manager.set_metadata(kMetadataName, m_subscribe);
+    // Written (and so saved) even when nothing changed, as every edit of the table is; for the
+    // wildcard this rewrites the entries of the ordinary key "*".
+    m_file_manager.set_metadata_entry(kMetadataName, key, find_entries(m_subscribe, key));
     return true;
 }
 
@@ -139,13 +180,27 @@ bool CConfigBusiness::has_owner(const std::string& key) {
     return false;
 }
 
-bool CConfigBusiness::send_notify(const std::string& dbus_name, const std::string& key, const std::string& value,
-                                  void* user_data, const DBus::DBusCallback& done) {
-    // A map loaded from the store (or edited by debug_subscribe) may still hold an uncallable name.
-    if (!is_callable_name(dbus_name)) return false;
+DBus::CDBusMethodCall CConfigBusiness::notify_call(const std::string& dbus_name, const std::string& key,
+                                                   const std::string& value) {
     DBus::CDBusMethodCall call(dbus_name, make_object_path(dbus_name), dbus_name, "notify_config");
-    if (!call.set_string(key) || !call.set_string(value)) return false;
-    return unblock_call(call, user_data, done) == 0;
+    if (!call.set_string(key) || !call.set_string(value)) return DBus::CDBusMethodCall(nullptr);
+    return call;
+}
+
+bool CConfigBusiness::send_owner_question(const std::string& owner, const std::string& key, const std::string& value,
+                                          void* user_data) {
+    DBus::CDBusMethodCall call = notify_call(owner, key, value);
+    if (call.empty()) return false;
+    return unblock_call(call, user_data, DBus::DBusCallback(this, &CConfigBusiness::callback)) == 0;
+}
+
+std::string CConfigBusiness::owner_of(const std::string& key) {
+    Platform::CMutexGuard guard(m_subscribe_mutex);
+    const Json::Value* entries = find_entries(m_subscribe, key);
+    if (entries == nullptr) return std::string();
+    for (auto it = entries->begin(); it != entries->end(); ++it)
+        if (has_type(*it, kOwner)) return it.name();
+    return std::string();
 }
 
 bool CConfigBusiness::notify_to_owner(const std::string& key, const std::string& value, uint64_t& serial) {
@@ -157,7 +212,7 @@ bool CConfigBusiness::notify_to_owner(const std::string& key, const std::string&
         serial = ++m_notify_serial;
         const std::string owner = it.name();
         void* user_data = reinterpret_cast<void*>(static_cast<uintptr_t>(serial));
-        if (!send_notify(owner, key, value, user_data, DBus::DBusCallback(this, &CConfigBusiness::callback))) {
+        if (!is_callable_name(owner) || !send_owner_question(owner, key, value, user_data)) {
             QLOG(3, "notify_to_owner, unblock call error, name:%s.", owner.c_str());
             return false;
         }
@@ -173,7 +228,12 @@ bool CConfigBusiness::notify_to_observer(const std::string& key, const std::stri
     for (auto it = entries->begin(); it != entries->end(); ++it) {
         if (!has_type(*it, kObserver)) continue;
         const std::string observer = it.name();
-        if (!send_notify(observer, key, value, nullptr, DBus::DBusCallback())) {
+        // Observers' answers were never looked at: asking for none costs nothing when an observer
+        // stays silent, where a pending reply would hold one of the bus daemon's slots for ever.
+        // A map loaded from the store (or edited by debug_subscribe) may hold an uncallable name.
+        DBus::CDBusMethodCall call =
+            is_callable_name(observer) ? notify_call(observer, key, value) : DBus::CDBusMethodCall(nullptr);
+        if (call.empty() || send_no_reply(call) != 0) {
             QLOG(3, "notify_to_observer, unblock call error, dbus name:%s.", observer.c_str());
         }
     }

@@ -2,15 +2,18 @@
 // keychain and the fake MQTT bridge.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <json/json.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include "adapter_harness.h"
+#include "quorel/configmanager/base64.h"
 #include "quorel/testsupport/fake_subscriber.h"
 
 using namespace Quorel::Iot::Testing;
@@ -139,6 +142,50 @@ TEST_F(AProcess, ExitsWithZeroWhenStoppedTwentyTimesInARow) {
         kill(pid, SIGTERM);
         ASSERT_EQ(0, wait_exit()) << read_file(dir + "/stderr");
     }
+}
+
+// A stream of sets with SIGTERM in the middle of it: whatever was answered 0 must be in the
+// keychain once the process has exited, however the saver's timing falls.
+TEST_F(AProcess, KeepsEverySetItAnsweredZeroInTheKeychainAcrossSigterm) {
+    // A slow keychain keeps the saver busy while sets go on arriving.
+    keychain->set_delay_ms(20);
+    spawn();
+    ASSERT_TRUE(wait_started());
+    CBusClient client(bus.address());
+    ASSERT_TRUE(client.connect());
+    std::map<std::string, std::string> acknowledged;
+    bool gone = false;
+    for (int round = 0; round < 200 && !gone; ++round) {
+        std::vector<std::pair<size_t, std::string>> tickets;
+        for (int i = 0; i < 50; ++i) {
+            const std::string key = "s" + std::to_string(round * 50 + i);
+            CCallBuilder set("iot.dmp.configmanager", "/iot/dmp/configmanager", "iot.dmp.configmanager", "set_config");
+            set.str(key).str("v" + key);
+            tickets.emplace_back(client.send_call(set), key);
+        }
+        if (round == 4) kill(pid, SIGTERM);
+        for (const auto& ticket : tickets) {
+            const CRecordedMessage answer = client.collect(ticket.first);
+            if (answer.args == std::vector<std::string>{"0"}) {
+                acknowledged[ticket.second] = "v" + ticket.second;
+            } else {
+                gone = true;
+            }
+        }
+    }
+    ASSERT_EQ(0, wait_exit()) << read_file(dir + "/stderr");
+    ASSERT_GE(acknowledged.size(), 200u);
+    std::string bytes;
+    ASSERT_TRUE(keychain->get_item("_configmanager.config.file", bytes));
+    Json::Value document;
+    ASSERT_TRUE(Json::Reader().parse(bytes.c_str(), document));
+    size_t missing = 0;
+    for (const auto& entry : acknowledged) {
+        std::string encoded;
+        Quorel::Iot::Configmanager::base64_encode(entry.second, encoded);
+        if (document["config"][entry.first] != Json::Value(encoded)) ++missing;
+    }
+    EXPECT_EQ(missing, 0u) << "of " << acknowledged.size() << " sets answered 0";
 }
 
 }  // namespace

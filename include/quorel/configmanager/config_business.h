@@ -71,6 +71,7 @@ private:
         DBus::CDBusMethodReturn reply;  // holds its own reference, so it outlives the dispatch
         std::string key;
         std::string value;  // the text to store once the owner agrees
+        std::string owner;  // who was asked, for the bound on unanswered questions
     };
 
     // Handlers: bus reader thread only.
@@ -95,21 +96,30 @@ private:
     bool apply_set(const std::string& key, const std::string& stored, const std::string& notified,
                    DBus::CDBusMethodReturn& reply, bool& need_reply);
     void defer_reply(uint64_t serial, const DBus::CDBusMethodReturn& reply, const std::string& key,
-                     const std::string& value) EXCLUDES(m_pending_mutex);
+                     const std::string& value, const std::string& owner) EXCLUDES(m_pending_mutex);
+    // False when owner already holds its share of unanswered questions, or all owners together do.
+    bool may_ask(const std::string& owner) EXCLUDES(m_pending_mutex);
+    std::unique_ptr<PendingReply> take_pending(uint64_t serial) EXCLUDES(m_pending_mutex);
 
     // Subscription map operations; each takes m_subscribe_mutex for its whole run.
+    void load_subscribe_map() EXCLUDES(m_subscribe_mutex);
     bool add_subscribe_map(const std::string& key, const std::string& dbus_name, int32_t type)
         EXCLUDES(m_subscribe_mutex);
     bool del_subscribe_map(const std::string& key, const std::string& dbus_name) EXCLUDES(m_subscribe_mutex);
     bool is_subscribed(const std::string& key, const std::string& dbus_name) EXCLUDES(m_subscribe_mutex);
     bool has_owner(const std::string& key) EXCLUDES(m_subscribe_mutex);
+    // The key's owner, or "" when it has none.
+    std::string owner_of(const std::string& key) EXCLUDES(m_subscribe_mutex);
     bool notify_to_owner(const std::string& key, const std::string& value, uint64_t& serial)
         EXCLUDES(m_subscribe_mutex);
     bool notify_to_observer(const std::string& key, const std::string& value) EXCLUDES(m_subscribe_mutex);
 
     void remove_subscriber(const std::string& key, const std::string& dbus_name) REQUIRES(m_subscribe_mutex);
-    bool send_notify(const std::string& dbus_name, const std::string& key, const std::string& value, void* user_data,
-                     const DBus::DBusCallback& done);
+    // The "notify_config" call to a subscriber; an empty holder when the texts cannot be sent.
+    static DBus::CDBusMethodCall notify_call(const std::string& dbus_name, const std::string& key,
+                                             const std::string& value);
+    bool send_owner_question(const std::string& owner, const std::string& key, const std::string& value,
+                             void* user_data);
 
     // Main thread only (start/stop/destructor).
     bool m_started;
@@ -120,10 +130,12 @@ private:
     // Guarded by m_subscribe_mutex.
     Platform::CMutex m_subscribe_mutex;
     Json::Value m_subscribe GUARDED_BY(m_subscribe_mutex);
+    size_t m_subscribe_entries GUARDED_BY(m_subscribe_mutex) = 0;
 
     // Guarded by m_pending_mutex.
     Platform::CMutex m_pending_mutex;
     std::map<uint64_t, std::unique_ptr<PendingReply>> m_pending_replies GUARDED_BY(m_pending_mutex);
+    std::map<std::string, size_t> m_questions_per_owner GUARDED_BY(m_pending_mutex);
 
     // Incremented by notify_to_owner, which holds m_subscribe_mutex.
     uint64_t m_notify_serial GUARDED_BY(m_subscribe_mutex);
