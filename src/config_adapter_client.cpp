@@ -102,6 +102,7 @@ int32_t CAdapterCore::get_config(const std::string& key, std::string& value, uin
 }
 
 int32_t CAdapterCore::set_config(const std::string& key, const std::string& value, uint32_t) {
+    if (m_config_setter) return m_config_setter(key, value);
     DBus::CDBusMethodCall request = config_call("set_config");
     request.set_string(key);
     request.set_string(value);
@@ -150,7 +151,13 @@ bool CAdapterCore::subscribe_cloud_topic(const std::string& topic) {
     }
     Json::Value result;
     Json::Reader reader;
-    if (!reader.parse(text, result, true)) {
+    bool parsed = false;
+    try {
+        parsed = reader.parse(text, result, true);
+    } catch (const std::exception&) {
+        // Nested past the reader's depth limit.
+    }
+    if (!parsed) {
         QLOG(3, "parse result error.");
         return false;
     }

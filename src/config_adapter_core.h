@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "config_adapter_gate.h"
@@ -42,6 +43,11 @@ public:
     CAdapterCore& operator=(const CAdapterCore&) = delete;
 
     CAdapterGate& gate() { return m_gate; }
+
+    // Replaces the bus call of set_config (tests and fuzzing watch what the shadow thread would
+    // write without a configuration service). Set before the threads start; empty restores it.
+    using ConfigSetter = std::function<int32_t(const std::string& key, const std::string& value)>;
+    void set_config_setter(ConfigSetter setter) { m_config_setter = std::move(setter); }
 
     // ---- lifecycle (config_adapter_client.cpp) ----
     // Local "reported" back to the string "null", local version 1.
@@ -82,6 +88,8 @@ public:
 
 private:
     void process_shadow();
+    // False (logged) for a cloud string the configuration service cannot be sent.
+    bool applicable(const std::string& key, const std::string& text);
     void set_reported_number(const std::string& key, uint32_t number, const std::string& text);
     void set_reported_string(const std::string& key, const std::string& text);
     void set_reported_value(Json::Value& state, const std::string& member, const std::string& key,
@@ -91,6 +99,7 @@ private:
 
     // Set at construction.
     CAdapterGate m_gate;
+    ConfigSetter m_config_setter;
 
     // Written by start, read by the bus reader and the subscription thread.
     Platform::CMutex m_topic_mutex;

@@ -1,6 +1,8 @@
 // Settings reporting: the start-up request for the whole shadow, and the update documents
 // published when an observed key changes. Everything here but get_shadow_all (called once by
 // start) runs on the adapter's bus reader thread; nothing waits for the bridge.
+#include <exception>
+
 #include "config_adapter_core.h"
 #include "quorel/configmanager/config_adapter.h"
 #include "quorel/log/log.h"
@@ -26,10 +28,15 @@ void CConfigAdatper::handle_notify_config(DBus::CDBusMethodCall& request, DBus::
         reply.set_int32(Adapter::kCodeUnread);
     } else {
         QLOG(1, "notify config: key:%s, value:%s", key.c_str(), value.c_str());
-        if (key == "gw_vexa_serialNumber") {
-            m_core->handle_serial_num_update(value);
-        } else if (key == "gw_orlo_reply") {
-            m_core->handle_orlo_info_update(value);
+        // The notifier is answered with its code whatever a report runs into.
+        try {
+            if (key == "gw_vexa_serialNumber") {
+                m_core->handle_serial_num_update(value);
+            } else if (key == "gw_orlo_reply") {
+                m_core->handle_orlo_info_update(value);
+            }
+        } catch (const std::exception& e) {
+            QLOG(3, "handle_notify_config, exception:%s.", e.what());
         }
         reply.set_int32(0);
     }
@@ -37,8 +44,30 @@ void CConfigAdatper::handle_notify_config(DBus::CDBusMethodCall& request, DBus::
     need_reply = true;
 }
 
+namespace {
+
+// The local version as an unsigned 32-bit number; a cloud document may have set it to anything,
+// and what cannot be read as such a number counts as 0.
+uint32_t version_number(const Json::Value& version) {
+    switch (version.type()) {
+        case Json::intValue:
+        case Json::uintValue:
+            return version.isUInt() ? version.asUInt() : 0;
+        case Json::realValue: {
+            const double real = version.asDouble();
+            return real >= 0.0 && real < 4294967296.0 ? static_cast<uint32_t>(real) : 0;
+        }
+        case Json::booleanValue:
+            return version.asBool() ? 1 : 0;
+        default:
+            return 0;
+    }
+}
+
+}  // namespace
+
 void CAdapterCore::next_version(Json::Value& document) {
-    const uint32_t version = m_shadow_json["version"].asUInt() + 1;
+    const uint32_t version = version_number(m_shadow_json["version"]) + 1;
     document["version"] = Json::UInt(version);
     m_shadow_json["version"] = Json::UInt(version);
 }

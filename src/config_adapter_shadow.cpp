@@ -1,5 +1,6 @@
 // Device shadow synchronisation: documents from the cloud are handed from the bus reader thread to
 // the shadow thread, which applies seven configuration keys and keeps a local copy of them.
+#include <dbus/dbus.h>
 #include <sys/time.h>
 
 #include <cerrno>
@@ -18,6 +19,12 @@ namespace {
 constexpr const char kLogFile[] = "core-services/config-manager/src/config_adapter.cpp";
 constexpr uint32_t kShadowWaitMs = 3000;
 
+// The shadow thread's lines carry the names of the two operations the gateway's log tools know,
+// whichever helper of ours writes them.
+#define QLOG_AS(function, level, ...) log_print((level), "color", "tag", kLogFile, (function), __LINE__, __VA_ARGS__)
+constexpr const char kThreadProc[] = "shadow_thread_proc";
+constexpr const char kSetParam[] = "set_param_config";
+
 // Applied in this order; the shadow member and the configuration key are the same name.
 constexpr const char* kSyncedKeys[] = {
     "gw_vexa_accessKey", "gw_vexa_secretKey", "gw_vexa_switch", "gw_orlo_logStore",
@@ -35,11 +42,16 @@ std::string number_text(uint32_t number) {
 }  // namespace
 
 void CAdapterCore::device_shadow_proc(const std::string&, const std::string& payload) {
-    bool parsed;
+    bool parsed = false;
     {
         Platform::CMutexGuard guard(m_shadow_mutex);
         Json::Reader reader;
-        parsed = reader.parse(payload, m_shadow_tmp, true);
+        try {
+            parsed = reader.parse(payload, m_shadow_tmp, true);
+        } catch (const std::exception&) {
+            // Nested past the reader's depth limit: a document like any other that does not parse.
+            m_shadow_tmp = Json::Value();
+        }
     }
     if (!parsed) {
         QLOG(3, "parse result error.");
@@ -103,7 +115,7 @@ void CAdapterCore::shadow_thread_proc() {
         process_shadow();
     } catch (const std::exception& e) {
         // A document the JSON library refuses to look into (not an object, a negative number).
-        QLOG(3, "shadow_thread_proc, exception:%s.", e.what());
+        QLOG_AS(kThreadProc, 3, "shadow_thread_proc, exception:%s.", e.what());
     }
 }
 
@@ -111,7 +123,7 @@ void CAdapterCore::process_shadow() {
     pthread_mutex_lock(&m_notify_mutex);
     const uint32_t count = m_notify_count;
     pthread_mutex_unlock(&m_notify_mutex);
-    QLOG(0, "notify flag:%u\n", count);
+    QLOG_AS(kThreadProc, 0, "notify flag:%u\n", count);
 
     bool has_method;
     {
@@ -119,19 +131,19 @@ void CAdapterCore::process_shadow() {
         has_method = m_shadow_tmp.isMember("method");
     }
     if (!has_method) {
-        QLOG(3, "shadow not has 'method' member!");
+        QLOG_AS(kThreadProc, 3, "shadow not has 'method' member!");
         return;
     }
     std::string method;
     {
         Platform::CMutexGuard guard(m_shadow_mutex);
-        QLOG(1, "new shadow:%s\n", m_shadow_tmp.toStyledString().c_str());
-        QLOG(1, "old shadow:%s\n", m_shadow_json.toStyledString().c_str());
+        QLOG_AS(kThreadProc, 1, "new shadow:%s\n", m_shadow_tmp.toStyledString().c_str());
+        QLOG_AS(kThreadProc, 1, "old shadow:%s\n", m_shadow_json.toStyledString().c_str());
         method = m_shadow_tmp["method"].asString();
     }
     // A pushed desired state and the answer to our "get" are applied alike.
     if (method == "control" || method == "reply") {
-        QLOG(0, "proc reply method of shadow");
+        QLOG_AS(kThreadProc, 0, "proc reply method of shadow");
         shadow_method_control();
     }
 }
@@ -178,6 +190,7 @@ void CAdapterCore::set_param_config(const std::string& key, const Json::Value& r
             set_reported_number(key, number, text);
         } else {
             const std::string text = value.asString();
+            if (!applicable(key, text)) return;
             QLOG(1, "set config %s:%s ", key.c_str(), text.c_str());
             set_reported_string(key, text);
         }
@@ -188,6 +201,7 @@ void CAdapterCore::set_param_config(const std::string& key, const Json::Value& r
     const Json::Value& value = reported[key];
     if (value.isString()) {
         const std::string text = value.asString();
+        if (!applicable(key, text)) return;
         {
             Platform::CMutexGuard guard(m_shadow_mutex);
             const Json::Value& local = local_reported();
@@ -221,7 +235,7 @@ void CAdapterCore::set_reported_number(const std::string& key, uint32_t number, 
         set_reported_value(m_shadow_json["payload"]["state"], "reported", key, Json::Value(Json::UInt(number)));
     }
     if (set_config(key, text, Adapter::kConfigTimeoutMs) != 0)
-        QLOG(3, "set config %s:%s error!", key.c_str(), text.c_str());
+        QLOG_AS(kSetParam, 3, "set config %s:%s error!", key.c_str(), text.c_str());
 }
 
 void CAdapterCore::set_reported_string(const std::string& key, const std::string& text) {
@@ -230,7 +244,14 @@ void CAdapterCore::set_reported_string(const std::string& key, const std::string
         set_reported_value(m_shadow_json["payload"]["state"], "reported", key, Json::Value(text));
     }
     if (set_config(key, text, Adapter::kConfigTimeoutMs) != 0)
-        QLOG(3, "set config %s:%s error!", key.c_str(), text.c_str());
+        QLOG_AS(kSetParam, 3, "set config %s:%s error!", key.c_str(), text.c_str());
+}
+
+bool CAdapterCore::applicable(const std::string& key, const std::string& text) {
+    // The configuration service could not be sent such text (nor could anyone read it back).
+    if (dbus_validate_utf8(text.c_str(), nullptr) && text.find('\0') == std::string::npos) return true;
+    QLOG_AS(kSetParam, 3, "set_param_config, key:%s, cloud value is not UTF-8 text, not applied.", key.c_str());
+    return false;
 }
 
 void CAdapterCore::set_reported_value(Json::Value& state, const std::string& member, const std::string& key,
