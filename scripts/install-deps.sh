@@ -2,7 +2,7 @@
 # Installs every Debian package the build, the tests and the run command need.
 # Safe to run again: apt-get skips what is already there.
 set -euo pipefail
-packages=(build-essential cmake pkg-config clang libdbus-1-dev libjsoncpp-dev dbus-daemon dbus-bin
+packages=(build-essential cmake pkg-config clang libclang-rt-14-dev libdbus-1-dev libjsoncpp-dev dbus-daemon dbus-bin
           googletest libgtest-dev libgmock-dev procps util-linux)
 missing=()
 for p in "${packages[@]}"; do

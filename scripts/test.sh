@@ -2,7 +2,8 @@
 # Installs what is missing, then builds and runs the whole test suite twice: a plain build and an
 # AddressSanitizer + UndefinedBehaviorSanitizer build. Then the threaded base layers (threads,
 # locks, timers, the bus handle) run once more under ThreadSanitizer, built with clang so that the
-# lock annotations are checked by -Wthread-safety as well. --no-tsan skips that last run.
+# lock annotations are checked by -Wthread-safety as well. --no-tsan skips that last run. Last, every
+# libFuzzer target runs for a few seconds from its seed corpus, so that a known bad input fails here.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -39,3 +40,6 @@ if [ $tsan -eq 1 ]; then
     threaded_tests=$(ls base/platform/test/*_test.cpp base/dbus/test/*_test.cpp | xargs -n1 basename | sed 's/\.cpp$//' | tr '\n' ' ')
     CC=clang CXX=clang++ run_variant tsan "platform|bus" "$threaded_tests" -DCM_SANITIZE_THREAD=ON
 fi
+
+echo "== fuzz targets =="
+bash scripts/fuzz.sh 5
