@@ -140,8 +140,8 @@ TEST_F(AHostileClient, SubscribesTenThousandTimesAndUnsubscribesThemAllInLinearT
     }
     EXPECT_EQ(call("unsubscribe_config", {CArg::s("iot.test.many"), CArg::s("*")}), Args{"0"});
     const auto elapsed = std::chrono::steady_clock::now() - begin;
-    // Quadratic work took minutes here; linear work takes a second or two even under sanitizers.
-    EXPECT_LT(elapsed, std::chrono::seconds(30));
+    // Work that grew with the table took 30 s here; linear work takes under a second (a few under ASan).
+    EXPECT_LT(elapsed, std::chrono::seconds(10));
     EXPECT_EQ(call("unsubscribe_config", {CArg::s("iot.test.many"), CArg::s("key5")}), Args{"100107"});
     // The stored table is empty again: a restart finds no subscription.
     h.stop_service();
