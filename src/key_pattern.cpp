@@ -11,7 +11,6 @@
 #include <functional>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 namespace Quorel {
@@ -36,6 +35,20 @@ constexpr size_t kAnchorContexts = 3;
 // The subset check must stay cheap next to what it guards; a pattern that needs more 64-bit word
 // operations than this to explore is refused.
 constexpr size_t kMaxCheckWork = 32 * 1024 * 1024;
+
+// What a query may cost in regexec over one key of up to kCostedKeyBytes bytes, in tenths of a
+// nanosecond of one core: 10,000 keys must take less than 50 ms, and the cap keeps a margin for a busy
+// machine. Measured with glibc on x86-64:
+//   - a step of a run (one byte through a cached transition) takes about 3 ns;
+//   - a state that can end at "$" holds END_OF_RE under a constraint, and glibc's
+//     check_halt_state_context scans all of its nodes on every byte read there: 1 to 2 ns a live
+//     position, more inside groups (".\{0,32\}" nine times and "$" keeps 288 live: 155 ms);
+//   - a pattern compiled as written runs again from every byte it may begin at, each run going on
+//     while it neither matches nor dies ("\(^b\|a\).*q" over 64 "a": 2,080 steps a key, 61 ms).
+constexpr size_t kCostedKeyBytes = 64;
+constexpr size_t kMaxCostPerKey = 38000;
+constexpr size_t kCostPerStep = 33;
+constexpr size_t kCostPerNodeAtEnd = 16;
 
 // The parse tree of an accepted pattern, as glibc reads it.
 enum class ENodeKind { Empty, Atom, AnchorBegin, AnchorEnd, Concat, Alt, Group, Repeat };
@@ -573,19 +586,48 @@ public:
         }
     }
 
+    // A "$" that ends the pattern, a group or an alternative, counted as the positions are.
+    static size_t end_anchors(const std::vector<CNode>& nodes, size_t index) {
+        const CNode& node = nodes[index];
+        size_t sum = 0;
+        switch (node.kind) {
+            case ENodeKind::AnchorEnd:
+                return 1;
+            case ENodeKind::Repeat: {
+                const size_t copies = node.max == kUnbounded ? node.min + 1 : node.max;
+                return copies * end_anchors(nodes, node.children[0]);
+            }
+            default:
+                for (size_t child : node.children) sum += end_anchors(nodes, child);
+                return sum;
+        }
+    }
+
     // Builds the automaton for the tree at root with count positions, then explores it. False when
-    // the exploration needs more work than kMaxCheckWork.
-    bool estimate(size_t root, size_t count, size_t contexts, size_t& bytes) {
-        m_words = (count + 2 + 63) / 64;  // two more positions: the start at the key's first byte, and later
-        m_follow.assign((count + 2) * m_words, 0);
-        m_atom.assign(count, nullptr);
+    // the exploration needs more work than kMaxCheckWork. end_live: the most positions live in a state
+    // that a "$" could end a match in (0 when none can); longest_run: the most bytes a run from one
+    // start can read, kUnbounded when a loop lets it read on to the end of any key.
+    bool estimate(size_t root, size_t count, size_t contexts, size_t& bytes, size_t& end_live, size_t& longest_run,
+                  bool& same_kills) {
+        // Each "$" is a position no byte matches: a state whose successors hold one can end at "$".
+        const size_t total = count + end_anchors(m_nodes, root);
+        m_words = (total + 2 + 63) / 64;  // two more positions: the start at the key's first byte, and later
+        m_follow.assign((total + 2) * m_words, 0);
+        m_atom.assign(total, nullptr);
+        m_weight.assign(total, 0);
+        m_group_depth = 0;
+        m_end.assign(m_words, 0);
         m_next = 0;
         const CInfo info = build(root);
-        const size_t start_first = count;
-        const size_t start_later = count + 1;
+        assert(m_next == total);
+        const size_t start_first = total;
+        const size_t start_later = total + 1;
         or_into(follow(start_first), info.first_at_start.data());
         or_into(follow(start_later), info.first.data());
-        return explore(count, start_first, start_later, contexts, bytes);
+        if (!explore(total, start_first, start_later, contexts, bytes, end_live)) return false;
+        same_kills = false;
+        longest_run = bytes > CKeyPattern::kMaxMatcherBytes ? kUnbounded : longest_run_of(info.last, same_kills);
+        return true;
     }
 
 private:
@@ -651,19 +693,33 @@ private:
                 info.nullable_at_start = true;
                 return info;
             }
-            case ENodeKind::AnchorEnd:
-                return empty_info(false);
+            case ENodeKind::AnchorEnd: {
+                static const CByteSet kNoByte;
+                const size_t position = m_next++;
+                m_atom[position] = &kNoByte;
+                CInfo info = empty_info(false);
+                info.first[position / 64] |= uint64_t{1} << (position % 64);
+                m_end[position / 64] |= uint64_t{1} << (position % 64);
+                info.first_at_start = info.first;
+                // Nothing follows a "$": a run can never stand on it, so it has no successors.
+                return info;
+            }
             case ENodeKind::Atom: {
                 const size_t position = m_next++;
                 m_atom[position] = &node.bytes;
+                m_weight[position] = 1 + m_group_depth;
                 CInfo info = empty_info(false);
                 info.first[position / 64] |= uint64_t{1} << (position % 64);
                 info.first_at_start = info.first;
                 info.last = info.first;
                 return info;
             }
-            case ENodeKind::Group:
-                return build(node.children[0]);
+            case ENodeKind::Group: {
+                ++m_group_depth;
+                CInfo info = build(node.children[0]);
+                --m_group_depth;
+                return info;
+            }
             case ENodeKind::Concat: {
                 CInfo info = empty_info(true);
                 for (size_t child : node.children) info = concat(std::move(info), build(child));
@@ -707,7 +763,64 @@ private:
         }
     };
 
-    bool explore(size_t count, size_t start_first, size_t start_later, size_t contexts, size_t& bytes) {
+    // The most bytes one run can read without matching, kUnbounded when a loop lets it read on to
+    // the end of any key. With nmatch 0 regexec returns once a run stands on a position of
+    // accepting (a "$" keeps it going), so a run that keeps costing never enters such a state. While a
+    // run stays in the state it began in, glibc's check_matching moves the next start along with it
+    // (its at_init_state), so those bytes are read once for all starts and a loop there is free.
+    //
+    // same_kills: every state a run can be in past its start ends the run on the same bytes. Then a
+    // byte that ends one run ends all that are under way, and no two runs overlap past it.
+    size_t longest_run_of(const CBits& accepting, bool& same_kills) {
+        const size_t n = m_states.size();
+        std::vector<bool> stops(n, false);
+        for (size_t id = 0; id < n; ++id) {
+            for (size_t w = 0; w < m_words; ++w) stops[id] = stops[id] || (m_states[id][w] & accepting[w]) != 0;
+        }
+        same_kills = true;
+        const std::string* kills = nullptr;
+        for (size_t id = 2; id < n; ++id) {
+            if (stops[id] || m_reach_is_start[id]) continue;
+            if (kills != nullptr && *kills != m_kills[id]) same_kills = false;
+            kills = &m_kills[id];
+        }
+        enum EMark : unsigned char { New, Open, Done };
+        std::vector<EMark> mark(n, New);
+        std::vector<size_t> depth(n, 0);  // the most bytes read after this state, the killing one included
+        // Iterative: a chain of 1,024 positions must not exhaust the stack.
+        std::vector<std::pair<size_t, size_t>> stack;  // state, index of the next edge to follow
+        for (size_t start : {size_t{0}, size_t{1}}) {
+            if (start >= n || mark[start] != New) continue;
+            mark[start] = Open;
+            stack.push_back({start, 0});
+            while (!stack.empty()) {
+                const size_t id = stack.back().first;
+                const std::vector<size_t>& edges = m_edges[id];
+                if (stack.back().second < edges.size()) {
+                    const size_t to = edges[stack.back().second++];
+                    ++m_work;
+                    if (stops[to] || (m_reach_is_start[id] && m_reach_is_start[to])) continue;
+                    if (mark[to] == Open) return kUnbounded;
+                    if (mark[to] == New) {
+                        mark[to] = Open;
+                        stack.push_back({to, 0});
+                    }
+                    continue;
+                }
+                depth[id] = 1;
+                for (size_t to : edges) {
+                    if (!stops[to] && !(m_reach_is_start[id] && m_reach_is_start[to]))
+                        depth[id] = std::max(depth[id], depth[to] + 1);
+                }
+                mark[id] = Done;
+                stack.pop_back();
+            }
+        }
+        return std::max(depth[0], n > 1 ? depth[1] : 0);
+    }
+
+    bool explore(size_t count, size_t start_first, size_t start_later, size_t contexts, size_t& bytes,
+                 size_t& end_live) {
         // Bytes that every position treats alike make one input class; a key is a word over them.
         std::vector<std::vector<size_t>> by_class;
         {
@@ -727,10 +840,18 @@ private:
             }
             m_masks = std::move(masks);
         }
-        std::unordered_set<CBits, CHash> seen;
+        std::unordered_map<CBits, size_t, CHash> seen;
         std::deque<CBits> queue;
-        auto visit = [&](CBits state) {
-            if (seen.insert(state).second) queue.push_back(std::move(state));
+        m_states.clear();
+        m_edges.clear();
+        auto visit = [&](const CBits& state) {
+            const auto inserted = seen.emplace(state, m_states.size());
+            if (inserted.second) {
+                queue.push_back(state);
+                m_states.push_back(state);
+                m_edges.emplace_back();
+            }
+            return inserted.first->second;
         };
         CBits start(m_words, 0);
         start[start_first / 64] |= uint64_t{1} << (start_first % 64);
@@ -739,28 +860,53 @@ private:
         start[start_later / 64] |= uint64_t{1} << (start_later % 64);
         visit(start);
         bytes = 0;
+        end_live = 0;
         CBits reach(m_words, 0);
         CBits next(m_words, 0);
+        m_start_reach.clear();
+        m_reach_is_start.clear();
+        m_kills.clear();
         while (!queue.empty()) {
             const CBits state = std::move(queue.front());
             queue.pop_front();
+            const size_t id = seen.at(state);
             std::fill(reach.begin(), reach.end(), 0);
             for (size_t w = 0; w < m_words; ++w) {
                 for (uint64_t bits = state[w]; bits != 0; bits &= bits - 1)
                     or_into(reach.data(), follow(w * 64 + static_cast<size_t>(__builtin_ctzll(bits))));
             }
             size_t reach_count = 0;
-            for (uint64_t word : reach) reach_count += static_cast<size_t>(__builtin_popcountll(word));
+            bool can_end_at_dollar = false;
+            for (size_t w = 0; w < m_words; ++w) {
+                reach_count += static_cast<size_t>(__builtin_popcountll(reach[w] & ~m_end[w]));
+                can_end_at_dollar = can_end_at_dollar || (reach[w] & m_end[w]) != 0;
+            }
+            if (can_end_at_dollar) {
+                size_t nodes = 0;
+                for (size_t w = 0; w < m_words; ++w) {
+                    for (uint64_t bits = reach[w] & ~m_end[w]; bits != 0; bits &= bits - 1)
+                        nodes += m_weight[w * 64 + static_cast<size_t>(__builtin_ctzll(bits))];
+                }
+                end_live = std::max(end_live, nodes);
+            }
+            if (id == 1) m_start_reach = reach;  // the run from a later byte begins in this one
+            m_reach_is_start.push_back(reach == m_start_reach);
             bytes += contexts * (kStateBytes + kBytesPerPositionInState * reach_count);
             if (bytes > CKeyPattern::kMaxMatcherBytes) return true;
-            for (const CBits& mask : m_masks) {
+            std::string& kills = m_kills.emplace_back(m_masks.size(), '0');
+            for (size_t m = 0; m < m_masks.size(); ++m) {
+                const CBits& mask = m_masks[m];
                 bool any = false;
                 for (size_t w = 0; w < m_words; ++w) {
                     next[w] = reach[w] & mask[w];
                     any = any || next[w] != 0;
                 }
                 m_work += m_words;
-                if (any) visit(next);
+                if (!any) kills[m] = '1';
+                if (any) {
+                    const size_t to = visit(next);  // may grow m_edges
+                    m_edges[id].push_back(to);
+                }
             }
             if (m_work > kMaxCheckWork) return false;
         }
@@ -772,6 +918,17 @@ private:
     CBits m_follow;
     std::vector<const CByteSet*> m_atom;
     std::vector<CBits> m_masks;
+    CBits m_end;  // the positions that stand for a "$"
+    // glibc's states also hold the nodes that open and close the groups around a position.
+    std::vector<size_t> m_weight;
+    size_t m_group_depth = 0;
+    // The explored states in the order of their ids (0 and 1: the starts), the ids each byte class
+    // leads to, and whether a state offers what the start of a later run offers.
+    std::vector<CBits> m_states;
+    std::vector<std::vector<size_t>> m_edges;
+    std::vector<bool> m_reach_is_start;
+    std::vector<std::string> m_kills;  // per state, '1' for each byte class that ends a run there
+    CBits m_start_reach;
     size_t m_next = 0;
     size_t m_work = 0;
 };
@@ -819,9 +976,8 @@ size_t add_single_pass_tree(std::vector<CNode>& nodes, const std::vector<size_t>
         body.kind = ENodeKind::Alt;
         body.children = floating;
     }
-    CNode group;
-    group.kind = ENodeKind::Group;
-    group.children.push_back(add_node(nodes, std::move(body)));
+    // The group of the text only keeps the alternatives together; glibc holds its nodes at its two
+    // ends, not around every position, so the cost estimate does not see it.
     CNode any;
     any.kind = ENodeKind::Atom;
     any.bytes.set();
@@ -835,7 +991,7 @@ size_t add_single_pass_tree(std::vector<CNode>& nodes, const std::vector<size_t>
     CNode wrapped;
     wrapped.kind = ENodeKind::Concat;
     wrapped.children = {add_node(nodes, std::move(anchor)), add_node(nodes, std::move(star)),
-                        add_node(nodes, std::move(group))};
+                        add_node(nodes, std::move(body))};
     if (anchored.empty()) return add_node(nodes, std::move(wrapped));
     CNode top;
     top.kind = ENodeKind::Alt;
@@ -864,8 +1020,11 @@ size_t add_single_pass_tree(std::vector<CNode>& nodes, const std::vector<size_t>
 //   - a single-pass matcher too large: one run holds the sets of positions of the runs from every
 //     byte together ("a.\{20\}" becomes ".*a.\{20\}"), checked against kMaxMatcherBytes as the
 //     pattern itself is.
+//
+// single_pass_end_live: for the single-pass form, the most positions live in one of its states that
+// can end at "$"; left alone when the pattern is kept as written.
 std::string single_pass_form(const std::string& pattern, const CPatternParser& parser, size_t root, size_t count,
-                             size_t contexts) {
+                             size_t contexts, size_t& single_pass_end_live) {
     const std::vector<CNode>& nodes = parser.nodes();
     const std::vector<size_t> alternatives =
         nodes[root].kind == ENodeKind::Alt ? nodes[root].children : std::vector<size_t>{root};
@@ -896,10 +1055,39 @@ std::string single_pass_form(const std::string& pattern, const CPatternParser& p
     // The "^" in front constrains the first state only (glibc keeps four of it, a few KiB), so the
     // contexts are the pattern's own.
     size_t bytes = 0;
-    if (!CMatcherEstimate(single_pass_nodes).estimate(single_pass_root, count + 1, contexts, bytes) ||
+    size_t end_live = 0;
+    size_t longest_run = 0;
+    bool same_kills = false;
+    if (!CMatcherEstimate(single_pass_nodes)
+             .estimate(single_pass_root, count + 1, contexts, bytes, end_live, longest_run, same_kills) ||
         bytes > CKeyPattern::kMaxMatcherBytes)
         return pattern;
+    single_pass_end_live = end_live;
     return anchored_text + (anchored.empty() ? "" : "\\|") + "^.*\\(" + floating_text + "\\)";
+}
+
+// An upper bound of regexec's work over one key of kCostedKeyBytes, in kMaxCostPerKey's units.
+// starts_everywhere: glibc runs the compiled text again from every byte, each run reading at most
+// longest_run bytes; otherwise one run reads the key. end_live: see CMatcherEstimate::estimate.
+size_t cost_per_key(bool starts_everywhere, size_t longest_run, bool same_kills, size_t end_live) {
+    size_t steps = std::min(kCostedKeyBytes, longest_run);
+    if (starts_everywhere) {
+        // The run from the byte k before the key's end reads at most min(k, longest_run) bytes.
+        steps = 0;
+        for (size_t k = 1; k <= kCostedKeyBytes; ++k) steps += std::min(k, longest_run);
+        // When a byte that ends one run ends them all, the runs between two such bytes (at most
+        // longest_run apart, or one would have matched) read (longest_run + 1) / 2 bytes a key byte on
+        // average, and the last, matching run at most longest_run.
+        if (same_kills && longest_run != kUnbounded)
+            steps = std::min(steps, kCostedKeyBytes * (longest_run + 1) / 2 + longest_run);
+    }
+    return steps * (kCostPerStep + kCostPerNodeAtEnd * end_live);
+}
+
+bool all_alternatives_anchored(const std::vector<CNode>& nodes, size_t root) {
+    if (nodes[root].kind != ENodeKind::Alt) return begins_with_anchor(nodes, root);
+    return std::all_of(nodes[root].children.begin(), nodes[root].children.end(),
+                       [&nodes](size_t branch) { return begins_with_anchor(nodes, branch); });
 }
 
 struct CCheck {
@@ -920,10 +1108,21 @@ CCheck check(const std::string& pattern) {
         return {"more than " + std::to_string(CKeyPattern::kMaxPositions) + " positions once repeats are expanded", {}};
     const size_t contexts = parser.has_anchor() ? kAnchorContexts : 1;
     size_t bytes = 0;
-    if (!CMatcherEstimate(parser.nodes()).estimate(root, count, contexts, bytes)) return {"too complex to check", {}};
+    size_t end_live = 0;
+    size_t longest_run = 0;
+    bool same_kills = false;
+    if (!CMatcherEstimate(parser.nodes()).estimate(root, count, contexts, bytes, end_live, longest_run, same_kills))
+        return {"too complex to check", {}};
     if (bytes > CKeyPattern::kMaxMatcherBytes)
         return {"matcher could need more than " + std::to_string(CKeyPattern::kMaxMatcherBytes >> 20) + " MiB", {}};
-    return {{}, single_pass_form(pattern, parser, root, count, contexts)};
+    size_t single_pass_end_live = 0;
+    const std::string form = single_pass_form(pattern, parser, root, count, contexts, single_pass_end_live);
+    // glibc tries a pattern whose alternatives all begin with "^" at the first byte only.
+    const size_t cost = form != pattern ? cost_per_key(false, kCostedKeyBytes, false, single_pass_end_live)
+                                        : cost_per_key(!all_alternatives_anchored(parser.nodes(), root), longest_run,
+                                                       same_kills, end_live);
+    if (cost > kMaxCostPerKey) return {"matcher could be too slow", {}};
+    return {{}, form};
 }
 
 int64_t monotonic_ns() {

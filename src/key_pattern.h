@@ -31,6 +31,13 @@
 //       positions a key can reach, and keeps them all until regfree) could grow past
 //       kMaxMatcherBytes: ".*a.\{16\}" can reach 2^17 states and takes 70 MB and a second over
 //       10,000 keys, though every construct in it is ordinary;
+//     - patterns whose matching could cost more than 50 ms of CPU over 10,000 keys of 64 bytes, by
+//       an estimate with a margin ("matcher could be too slow"): a "$" behind many live positions,
+//       whose nodes glibc scans again on every byte ("\(a\|b\)\{1,9\}$", ".\{0,32\}.\{0,3\}$",
+//       where ".\{0,32\}.\{0,2\}$" stays), and a pattern compiled as written (below) whose runs,
+//       started again from every byte, can each read more than about 21 bytes without matching
+//       ("\(^b\|a\).*q", "\(^b\|a\).\{20\}q", where "\(^b\|a\).\{19\}q" stays); a pattern whose
+//       every alternative begins with "^" is tried once, so only a "$" can make it slow;
 //     - anything else glibc's regcomp refuses.
 //   Every accepted pattern matches exactly the keys that regcomp(pattern, 0) and regexec find.
 //
@@ -40,7 +47,8 @@
 // one pass over each key, the same answers. It is compiled as written when all its alternatives
 // begin with "^", when a "^" can hold before its first byte (glibc lets one hold after a newline
 // that ".*" read), in a multibyte locale, or when the single-pass matcher could outgrow
-// kMaxMatcherBytes; those keep glibc's cost. The form never changes what is accepted.
+// kMaxMatcherBytes; those keep glibc's cost, which the estimate above bounds for the form that is
+// compiled. The form never changes what the pattern matches.
 //
 // One object per query, used by one thread. Keys are matched as C strings (up to their first NUL).
 #ifndef QUOREL_CONFIGMANAGER_KEY_PATTERN_H

@@ -60,6 +60,13 @@ size_t heap_in_use() {
 #endif
 }
 
+// The CPU time an accepted pattern is designed to stay under over 10,000 keys, and what the tests
+// assert: twice that, so that a busy machine does not fail them at random, while the refusal of the
+// slow families (which took 60 to 1,400 ms) is checked exactly by its reason. The measured figures
+// are printed.
+constexpr double kDesignMs = 50.0;
+constexpr double kAssertedMs = 2 * kDesignMs;
+
 #if defined(__SANITIZE_ADDRESS__)
 // The sanitizer slows the subset check and every allocation of glibc's matcher.
 constexpr double kSlowdown = 4.0;
@@ -593,12 +600,12 @@ std::vector<std::string> worst_accepted_patterns() {
         "z\\)\\{32\\}",
         "\\(alpha\\|beta\\|gamma\\|delta\\)\\{32\\}",
         // bounded repeats in sequence
-        filled("", "a\\{0,32\\}b", "$"),
+        "a\\{0,16\\}ba\\{0,16\\}b$",
         filled("", ".\\{1,8\\}", "q"),
         filled("", "[a-z]\\{0,3\\}\\.", ""),
         repeated("\\(a\\|b\\)\\{0,32\\}", 7) + "c",
         "\\(a\\|b\\|c\\|d\\|e\\|f\\)\\{1,32\\}x\\(a\\|b\\|c\\|d\\|e\\|f\\)\\{1,32\\}",
-        "^[ab]\\{1,32\\}[ab]\\{1,32\\}[ab]\\{1,32\\}$",
+        "^[ab]\\{1,32\\}[ab]\\{0,4\\}$",
         // ".*" chains
         filled("", "a.*", "z"),
         filled("", ".*", "q"),
@@ -628,29 +635,15 @@ std::vector<std::string> worst_accepted_patterns() {
         "a.\\{20\\}",
         "a.\\{32\\}",
         "a[ab]\\{32\\}",
+        // the most live positions behind a "$" that stay accepted
+        ".\\{0,32\\}.\\{0,2\\}$",
+        "a\\{0,32\\}$",
+        "[[:alnum:]_]\\{1,32\\}$",
+        "\\(a\\|b\\)\\{1,8\\}$",
+        // the longest runs of a pattern compiled as written, tried from every byte
+        "\\(^b\\|a\\).\\{19\\}q",
+        "a\\{0,20\\}\\(^b\\)",
     };
-}
-
-// Accepted patterns that still take more than 50 ms of CPU over some set of 10,000 keys below.
-std::vector<std::string> patterns_over_the_cpu_bound() {
-    return {
-        // Each byte costs a scan of every node of a matcher state that may end at "$" (glibc's
-        // check_halt_state_context), so a "$" behind many live positions is slow in one pass too.
-        filled("", "a\\{0,32\\}b", "$"),
-        "^[ab]\\{1,32\\}[ab]\\{1,32\\}[ab]\\{1,32\\}$",
-        "\\(a\\|b\\|c\\|d\\|e\\|f\\|g\\|h\\)\\{1,32\\}$",
-        repeated("\\(a\\|b\\)\\{1,32\\}", 4) + "$",
-        repeated(".\\{0,32\\}", 9) + "$",
-        // Kept as written: a "^" that can hold before the pattern's first byte, and a single-pass
-        // matcher too large (".*a.\{10\}.*q"); glibc's search runs from every "a" to the end.
-        "\\(^b\\|a\\).*q",
-        "a.\\{10\\}.*q",
-    };
-}
-
-bool is_over_the_cpu_bound(const std::string& pattern) {
-    const std::vector<std::string> slow = patterns_over_the_cpu_bound();
-    return std::find(slow.begin(), slow.end(), pattern) != slow.end();
 }
 
 // Sets of 10,000 keys of 64 bytes built against glibc's search, which restarts at every position a
@@ -745,12 +738,12 @@ TEST(TheWorstAcceptedPatterns, HoldLessThanSixteenMebibytesWhateverTheKeys) {
     std::printf("most held: %zu KiB\n", worst / 1024);
 }
 
-TEST(TheWorstAcceptedPatterns, MatchTenThousandKeysInFiftyMillisecondsOfCpu) {
+TEST(TheWorstAcceptedPatterns, MatchTenThousandKeysWithinTheirDesignedCpuTime) {
     const std::vector<std::string> keys = query_keys();
-    const double bound_ms = 50.0 * kSlowdown;
+    const double bound_ms = kAssertedMs * kSlowdown;
     double worst = 0;
     for (const std::string& pattern : worst_accepted_patterns()) {
-        const double best = best_cpu_ms(pattern, keys, bound_ms);
+        const double best = best_cpu_ms(pattern, keys, kDesignMs * kSlowdown);
         EXPECT_LT(best, bound_ms) << pattern;
         worst = std::max(worst, best);
         std::printf("%8.2f ms  %s\n", best, pattern.c_str());
@@ -758,14 +751,13 @@ TEST(TheWorstAcceptedPatterns, MatchTenThousandKeysInFiftyMillisecondsOfCpu) {
     std::printf("slowest: %.2f ms\n", worst);
 }
 
-TEST(TheWorstAcceptedPatterns, MatchTenThousandAdversarialKeysInFiftyMillisecondsOfCpu) {
-    const double bound_ms = 50.0 * kSlowdown;
+TEST(TheWorstAcceptedPatterns, MatchTenThousandAdversarialKeysWithinTheirDesignedCpuTime) {
+    const double bound_ms = kAssertedMs * kSlowdown;
     double worst = 0;
     for (const std::vector<std::string>& keys : adversarial_key_sets()) {
         std::printf("keys such as %s\n", keys.front().c_str());
         for (const std::string& pattern : worst_accepted_patterns()) {
-            if (is_over_the_cpu_bound(pattern)) continue;
-            const double best = best_cpu_ms(pattern, keys, bound_ms);
+            const double best = best_cpu_ms(pattern, keys, kDesignMs * kSlowdown);
             EXPECT_LT(best, bound_ms) << pattern << " over keys such as " << keys.front();
             worst = std::max(worst, best);
             std::printf("%8.2f ms  %s\n", best, pattern.c_str());
@@ -774,20 +766,88 @@ TEST(TheWorstAcceptedPatterns, MatchTenThousandAdversarialKeysInFiftyMillisecond
     std::printf("slowest: %.2f ms\n", worst);
 }
 
-// Fails today: these accepted patterns break the 50 ms bound (up to about 190 ms on an idle machine),
-// in the form they are compiled in and as written. Run with --gtest_also_run_disabled_tests.
-TEST(TheWorstAcceptedPatterns, DISABLED_IncludingTheKnownSlowOnesMatchTenThousandKeysInFiftyMillisecondsOfCpu) {
+namespace {
+
+// Patterns the C library takes more than 50 ms of CPU over some set of 10,000 keys of 64 bytes for
+// (up to about 190 ms), each with the nearest pattern of its family that stays accepted.
+struct CSlowFamily {
+    std::string refused;
+    const char* key;  // a key the C library finds the refused pattern in
+    std::string neighbour;
+};
+
+std::vector<CSlowFamily> slow_families() {
+    return {
+        // Each byte costs a scan of every node of a matcher state that may end at "$" (glibc's
+        // check_halt_state_context), so a "$" behind many live positions is slow in one pass too.
+        {filled("", "a\\{0,32\\}b", "$"), "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbb", "a\\{0,16\\}ba\\{0,16\\}b$"},
+        {"^[ab]\\{1,32\\}[ab]\\{1,32\\}[ab]\\{1,32\\}$", "aaa", "^[ab]\\{1,32\\}[ab]\\{0,4\\}$"},
+        {"\\(a\\|b\\|c\\|d\\|e\\|f\\|g\\|h\\)\\{1,32\\}$", "xh", "\\(a\\|b\\)\\{1,8\\}$"},
+        {repeated("\\(a\\|b\\)\\{1,32\\}", 4) + "$", "xabab", "\\(a\\|b\\)\\{1,8\\}$"},
+        {"\\(a\\|b\\)\\{1,9\\}$", "xab", "\\(a\\|b\\)\\{1,8\\}$"},
+        {repeated(".\\{0,32\\}", 9) + "$", "", ".\\{0,32\\}.\\{0,2\\}$"},
+        {".\\{0,32\\}.\\{0,3\\}$", "", ".\\{0,32\\}.\\{0,2\\}$"},
+        // Kept as written (a "^" that can hold before the pattern's first byte, or a single-pass
+        // matcher too large): glibc runs the pattern again from every byte it may begin at, and each
+        // run goes on to the end of a key of "a".
+        {"\\(^b\\|a\\).*q", "xaq", "\\(^b\\|a\\).\\{19\\}q"},
+        {"\\(^b\\|a\\).\\{20\\}q", "xa01234567890123456789q", "\\(^b\\|a\\).\\{19\\}q"},
+        {"a.\\{10\\}.*q", "a0123456789q", "\\(^b\\|a\\)[ab]\\{19\\}q"},
+        {"a\\{0,21\\}\\(^b\\)", "b", "a\\{0,20\\}\\(^b\\)"},
+    };
+}
+
+}  // namespace
+
+TEST(TheWorstAcceptedPatterns, IncludingTheKnownSlowOnesMatchTenThousandKeysWithinTheirDesignedCpuTime) {
     std::vector<std::vector<std::string>> key_sets = adversarial_key_sets();
     key_sets.push_back(query_keys());
     key_sets.push_back(std::vector<std::string>(10000, std::string(64, 'b')));
-    const double bound_ms = 50.0 * kSlowdown;
-    for (const std::string& pattern : patterns_over_the_cpu_bound()) {
+    const double bound_ms = kAssertedMs * kSlowdown;
+    for (const CSlowFamily& family : slow_families()) {
+        CKeyPattern refused(family.refused);
+        EXPECT_FALSE(refused.accepted()) << family.refused;
+        EXPECT_EQ(refused.refusal(), "matcher could be too slow") << family.refused;
+        // The refusal is what keeps the C library's answer from the caller.
+        EXPECT_TRUE(CRawRegex(family.refused).matches(family.key)) << family.refused;
+        EXPECT_FALSE(refused.matches(family.key)) << family.refused;
+
         double slowest = 0;
         for (const std::vector<std::string>& keys : key_sets) {
-            const double best = best_cpu_ms(pattern, keys, bound_ms);
-            EXPECT_LT(best, bound_ms) << pattern << " over keys such as " << keys.front();
+            const double best = best_cpu_ms(family.neighbour, keys, kDesignMs * kSlowdown);
+            EXPECT_LT(best, bound_ms) << family.neighbour << " over keys such as " << keys.front();
             slowest = std::max(slowest, best);
         }
-        std::printf("%8.2f ms  %s\n", slowest, pattern.c_str());
+        std::printf("%8.2f ms  %s, refused: %s\n", slowest, family.neighbour.c_str(), family.refused.c_str());
     }
+}
+
+TEST(AKeyPattern, AcceptsEverydayPatternsThatEndAtTheEndOfTheKey) {
+    const std::vector<std::string> keys = {"gw_eth0_level",
+                                           "gw_level",
+                                           "gw_x_level_2",
+                                           "k",
+                                           "bk",
+                                           "kb",
+                                           "sensor.123",
+                                           "12",
+                                           "ab",
+                                           "ac",
+                                           "abc",
+                                           "ad",
+                                           "wifi.enabled",
+                                           "enabled",
+                                           "a.enabled.x",
+                                           "sensor.12.value",
+                                           "value.sensor",
+                                           "eth.mac",
+                                           "wifi.ssid",
+                                           "x.y_z",
+                                           "aaa",
+                                           "net."};
+    for (const char* pattern :
+         {"^gw_.*_level$", "k$", "[0-9]\\{3\\}$", "^a\\(b\\|c\\)$", "\\.enabled$", "^sensor\\.[0-9]\\{1,3\\}\\.value$",
+          "_level$", "^[a-z_]\\{1,32\\}$", "\\(wifi\\|eth\\)\\.[a-z]*$", "[[:alnum:]_]\\{1,32\\}$",
+          "\\.\\(enabled\\|ssid\\)$", "[0-9]\\{1,5\\}$", "^[^.]*$", "^a\\{0,32\\}$"})
+        expect_the_c_library_answers(pattern, keys);
 }
