@@ -227,7 +227,9 @@ void CConfigBusiness::handle_set_with_ts(DBus::CDBusMethodCall& request, DBus::C
 
 bool CConfigBusiness::apply_set(const std::string& key, const std::string& stored, const std::string& notified,
                                 DBus::CDBusMethodReturn& reply, bool& need_reply) {
-    if (!has_owner(key)) {
+    // One look at the table serves both questions: is there an owner, and who.
+    std::string owner;
+    if (!owner_of(key, owner)) {
         // Observers are told before the caller's answer goes out.
         if (m_file_manager.set_config(key, stored)) {
             notify_to_observer(key, notified);
@@ -239,7 +241,6 @@ bool CConfigBusiness::apply_set(const std::string& key, const std::string& store
     }
     // An owner that leaves its questions unanswered holds its own key, not the service: beyond its
     // share the setter is told at once that the owner cannot be asked.
-    const std::string owner = owner_of(key);
     if (!may_ask(owner)) {
         QLOG(3, "apply_set, owner %s holds too many unanswered questions, key:%s.", owner.c_str(), key.c_str());
         reply.set_int32(kOwnerUnreachable);

@@ -172,12 +172,8 @@ bool CConfigBusiness::is_subscribed(const std::string& key, const std::string& d
 }
 
 bool CConfigBusiness::has_owner(const std::string& key) {
-    Platform::CMutexGuard guard(m_subscribe_mutex);
-    const Json::Value* entries = find_entries(m_subscribe, key);
-    if (entries == nullptr) return false;
-    for (const Json::Value& entry : *entries)
-        if (has_type(entry, kOwner)) return true;
-    return false;
+    std::string owner;
+    return owner_of(key, owner);
 }
 
 DBus::CDBusMethodCall CConfigBusiness::notify_call(const std::string& dbus_name, const std::string& key,
@@ -194,13 +190,17 @@ bool CConfigBusiness::send_owner_question(const std::string& owner, const std::s
     return unblock_call(call, user_data, DBus::DBusCallback(this, &CConfigBusiness::callback)) == 0;
 }
 
-std::string CConfigBusiness::owner_of(const std::string& key) {
+bool CConfigBusiness::owner_of(const std::string& key, std::string& owner) {
     Platform::CMutexGuard guard(m_subscribe_mutex);
     const Json::Value* entries = find_entries(m_subscribe, key);
-    if (entries == nullptr) return std::string();
-    for (auto it = entries->begin(); it != entries->end(); ++it)
-        if (has_type(*it, kOwner)) return it.name();
-    return std::string();
+    if (entries == nullptr) return false;
+    for (auto it = entries->begin(); it != entries->end(); ++it) {
+        if (has_type(*it, kOwner)) {
+            owner = it.name();
+            return true;
+        }
+    }
+    return false;
 }
 
 bool CConfigBusiness::notify_to_owner(const std::string& key, const std::string& value, uint64_t& serial) {

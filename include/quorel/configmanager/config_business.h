@@ -108,8 +108,8 @@ private:
     bool del_subscribe_map(const std::string& key, const std::string& dbus_name) EXCLUDES(m_subscribe_mutex);
     bool is_subscribed(const std::string& key, const std::string& dbus_name) EXCLUDES(m_subscribe_mutex);
     bool has_owner(const std::string& key) EXCLUDES(m_subscribe_mutex);
-    // The key's owner, or "" when it has none.
-    std::string owner_of(const std::string& key) EXCLUDES(m_subscribe_mutex);
+    // The key's first owner in name order; false when it has none.
+    bool owner_of(const std::string& key, std::string& owner) EXCLUDES(m_subscribe_mutex);
     bool notify_to_owner(const std::string& key, const std::string& value, uint64_t& serial)
         EXCLUDES(m_subscribe_mutex);
     bool notify_to_observer(const std::string& key, const std::string& value) EXCLUDES(m_subscribe_mutex);
