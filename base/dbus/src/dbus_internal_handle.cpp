@@ -1,5 +1,7 @@
 #include "quorel/dbus/dbus_internal_handle.h"
 
+#include <poll.h>
+
 #include <exception>
 #include <utility>
 
@@ -189,7 +191,8 @@ int32_t CDBusInternalHandle::block_call(CDBusMessage& request, CDBusMessage& rep
         context = std::make_unique<BlockCallContext>();
         m_block_calls[serial] = context.get();
     }
-    const bool answered = context->semaphore.wait(timeout_ms);
+    // The reply is taken the moment the reader posts it, not at the next 50 ms polling step.
+    const bool answered = timeout_ms == 0 ? context->semaphore.wait(0) : context->semaphore.wait_for(timeout_ms);
     bool closed = false;
     {
         Platform::CMutexGuard guard(m_mutex);
@@ -275,7 +278,8 @@ void CDBusInternalHandle::threadProc() {
     uint64_t last_feed = Platform::tick_ms();
     while (is_running()) {
         feed_dog_if_due(last_feed);
-        const dbus_bool_t bret = dbus_connection_read_write(connection, kReadTimeoutMs);
+        wait_for_traffic(connection, kReadTimeoutMs);
+        const dbus_bool_t bret = dbus_connection_read_write(connection, 0);
         if (!bret) {
             QLOG(1, "threadProc, dbus_connection_read_write bret:%d.", static_cast<int>(bret));
             m_server->message_error(-1);
@@ -298,6 +302,21 @@ void CDBusInternalHandle::threadProc() {
     // the flag belongs to the caller. Otherwise the connection is lost or dropped.
     if (is_running()) m_connected.store(false, std::memory_order_release);
     QLOG(1, "threadProc, dbus end loop read message.");
+}
+
+// The reader waits in its own poll rather than inside libdbus: while libdbus blocks in a read it
+// holds the connection's I/O path, and a message that another thread sends meanwhile (a blocking
+// call, a reply, a notification) would sit in the outgoing queue until that read timed out.
+void CDBusInternalHandle::wait_for_traffic(DBusConnection* connection, int timeout_ms) {
+    if (dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_DATA_REMAINS) return;
+    int fd = -1;
+    if (!dbus_connection_get_socket(connection, &fd) || fd < 0) return;
+    pollfd entry{};
+    entry.fd = fd;
+    entry.events = POLLIN;
+    // What a sender could not write at once is written by this thread as soon as the socket takes it.
+    if (dbus_connection_has_messages_to_send(connection)) entry.events |= POLLOUT;
+    poll(&entry, 1, timeout_ms);
 }
 
 bool CDBusInternalHandle::dispatch(DBusMessage* message) {

@@ -113,13 +113,13 @@ TEST_F(AHandle, ReportsFailuresToOpenAndToAddAMatchRuleWithTheirCodes) {
     EXPECT_EQ(probe->name_owner("iot.test.picky"), "");
 }
 
-TEST_F(AHandle, GivesUpABlockingCallAfterItsTimeoutRoundedToFiftyMilliseconds) {
+TEST_F(AHandle, GivesUpABlockingCallAfterItsTimeout) {
     CDBusMethodCall request = peer_call("silent");
     CDBusMethodReturn reply(nullptr);
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(server->block_call(request, reply, 120), -3);
     const long long elapsed = elapsed_ms(begin);
-    EXPECT_GE(elapsed, 140);
+    EXPECT_GE(elapsed, 115);
     EXPECT_LE(elapsed, 1000);
     EXPECT_EQ(log.count_containing("dbus wait response timeout, close:0, timeout:1, client_serial:"), 1u);
     EXPECT_TRUE(reply.empty());
@@ -235,6 +235,21 @@ TEST_F(AHandle, FeedsTheWatchdogWithItsNameIdAndTwiceTheInterval) {
     EXPECT_EQ(feed.interface, "iot.gateway.watchdog");
     EXPECT_EQ(feed.destination, "iot.gateway.watchdog");
     EXPECT_EQ(feed.args, (std::vector<std::string>{kServerName, "config-manager", "2"}));
+}
+
+// A blocking call made while the reader sits idle in its wait goes out at once, and its answer is
+// taken when it arrives: the fastest of a few round trips stays well below the reader's 100 ms
+// wake-up and the 50 ms polling step, either of which would hold every call back.
+TEST_F(AHandle, SendsABlockingCallAndTakesItsAnswerWithoutWaitingForTheReadersWakeUp) {
+    long long fastest = 1000;
+    for (int i = 0; i < 5; ++i) {
+        CDBusMethodCall request = peer_call("echo", "ping");
+        CDBusMethodReturn reply(nullptr);
+        const auto begin = std::chrono::steady_clock::now();
+        ASSERT_EQ(server->block_call(request, reply, 2000), 0);
+        fastest = std::min(fastest, elapsed_ms(begin));
+    }
+    EXPECT_LT(fastest, 30);
 }
 
 TEST_F(AHandle, MatchesConcurrentRepliesToTheirCallers) {

@@ -102,6 +102,38 @@ TEST(ASemaphore, RoundsATimeoutUpToWholeStepsBeforeGivingUp) {
     expect_wait_with_post(120, std::chrono::milliseconds(125), false, 145);
 }
 
+TEST(ASemaphore, WaitForTakesAPostTheMomentItComes) {
+    // The fastest of a few waits for a post 5 ms away: polling in 50 ms steps could not go below 50.
+    long long fastest = 1000;
+    for (int i = 0; i < 5; ++i) {
+        CSemaphore sem(0);
+        const auto begin = Clock::now();
+        std::thread poster([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            sem.post();
+        });
+        EXPECT_TRUE(sem.wait_for(2000));
+        fastest = std::min(fastest, elapsed_ms(begin));
+        poster.join();
+    }
+    EXPECT_LT(fastest, 30);
+}
+
+TEST(ASemaphore, WaitForGivesUpAtItsTimeoutAndZeroDoesNotWait) {
+    CSemaphore sem(0);
+    auto begin = Clock::now();
+    EXPECT_FALSE(sem.wait_for(0));
+    EXPECT_LT(elapsed_ms(begin), 20);
+    begin = Clock::now();
+    EXPECT_FALSE(sem.wait_for(60));
+    const long long took = elapsed_ms(begin);
+    EXPECT_GE(took, 59);
+    EXPECT_LE(took, 1000);
+    sem.post();
+    EXPECT_TRUE(sem.wait_for(0));
+    EXPECT_FALSE(sem.try_wait());
+}
+
 TEST(ASemaphore, KeepsWaitingWithoutTimeoutWhenSignalsInterruptIt) {
     CSemaphore sem(0);
     std::atomic<bool> done{false};

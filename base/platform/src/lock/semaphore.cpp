@@ -1,6 +1,7 @@
 #include "quorel/platform/semaphore.h"
 
 #include <errno.h>
+#include <time.h>
 
 #include "../fatal.h"
 #include "quorel/platform/thread.h"
@@ -44,6 +45,22 @@ bool CSemaphore::wait(uint32_t timeout_ms) {
         CThread::sleep_ms(kPollStepMs);
     }
     return false;
+}
+
+bool CSemaphore::wait_for(uint32_t timeout_ms) {
+    timespec deadline;
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += static_cast<time_t>(timeout_ms / 1000);
+    deadline.tv_nsec += static_cast<long>(timeout_ms % 1000) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= 1000000000L;
+    }
+    int ret;
+    do {
+        ret = sem_clockwait(&m_sem, CLOCK_MONOTONIC, &deadline);
+    } while (ret != 0 && errno == EINTR);
+    return ret == 0;
 }
 
 }  // namespace Platform

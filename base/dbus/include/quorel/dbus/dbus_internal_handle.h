@@ -86,6 +86,7 @@ private:
 
     // Reader thread only.
     // False for a message type that has no handler.
+    static void wait_for_traffic(DBusConnection* connection, int timeout_ms);
     bool dispatch(DBusMessage* message);
     void handle_method_call(DBusMessage* message);
     void handle_signal(DBusMessage* message);
