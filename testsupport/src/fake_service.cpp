@@ -119,11 +119,25 @@ void CFakeService::on(const std::string& member, Handler handler) {
 }
 
 bool CFakeService::add_match(const std::string& rule) {
-    DBusError error;
-    dbus_error_init(&error);
-    dbus_bus_add_match(m_connection, rule.c_str(), &error);
-    const bool ok = !dbus_error_is_set(&error);
-    dbus_error_free(&error);
+    if (!m_running) {
+        DBusError error;
+        dbus_error_init(&error);
+        dbus_bus_add_match(m_connection, rule.c_str(), &error);
+        const bool ok = !dbus_error_is_set(&error);
+        dbus_error_free(&error);
+        return ok;
+    }
+    // Once the dispatch thread reads the connection, a blocking call of libdbus's own could lose
+    // its reply to that thread; call() has the thread hand the reply over.
+    DBusMessage* request = dbus_message_new_method_call("org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                        "org.freedesktop.DBus", "AddMatch");
+    if (request == nullptr) return false;
+    const char* text = rule.c_str();
+    dbus_message_append_args(request, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+    DBusMessage* reply = call(request);
+    dbus_message_unref(request);
+    const bool ok = reply != nullptr && dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_METHOD_RETURN;
+    if (reply != nullptr) dbus_message_unref(reply);
     return ok;
 }
 

@@ -86,7 +86,12 @@ bool CMosquittoBroker::start() {
         if (m_process) m_past_log += m_process->err();
         m_process.reset(new CChildProcess());
         if (!m_process->start({"mosquitto", "-c", m_dir + "/mosquitto.conf"})) return false;
-        if (wait_until([&] { return accepts_connections() || !m_process->running(); }, std::chrono::seconds(10)) &&
+        // Its own start-up line first: a listener on the port could be another test's broker that
+        // took the port in the meantime.
+        const auto listening = [&] {
+            return m_process->err().find(" running") != std::string::npos && accepts_connections();
+        };
+        if (wait_until([&] { return listening() || !m_process->running(); }, std::chrono::seconds(10)) &&
             m_process->running()) {
             return true;
         }
