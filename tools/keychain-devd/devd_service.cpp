@@ -81,8 +81,7 @@ DBusMessage* CDevService::handle_add(DBusMessage* call) {
         return Wire::reply_ints(call, {KC_ERR_BAD_PARAMS});
     }
     if (request.type < 0 || request.type > 255) return Wire::reply_ints(call, {KC_ERR_BAD_PARAMS});
-    QLOG(1, "handle_add, %s from %s, %zu bytes", request.name.c_str(), request.exe_path.c_str(),
-         request.bytes.size());
+    QLOG(1, "handle_add, %s from %s, %zu bytes", request.name.c_str(), request.exe_path.c_str(), request.bytes.size());
     const bool saved = m_store.save(request.name, request.bytes, request.type);
     return Wire::reply_ints(call, {saved ? KC_SUCCESS : kResultStoreFailed});
 }

@@ -16,23 +16,11 @@
 #include "item_store.h"
 #include "quorel/keychain/keychain_wire.h"
 #include "quorel/log/log.h"
+#include "quorel/tools/stop_signals.h"
 
 namespace {
 
 constexpr const char kLogFile[] = "core-services/config-manager/tools/keychain-devd/main";
-
-volatile sig_atomic_t g_stop = 0;
-
-void on_stop_signal(int) { g_stop = 1; }
-
-void install_stop_handlers() {
-    struct sigaction action;
-    memset(&action, 0, sizeof(action));
-    action.sa_handler = on_stop_signal;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGTERM, &action, nullptr);
-    sigaction(SIGINT, &action, nullptr);
-}
 
 }  // namespace
 
@@ -42,14 +30,14 @@ int main(int argc, char** argv) {
         return 2;
     }
     log_init("keychain-devd", 1, 0, 2);
-    install_stop_handlers();
+    Quorel::Iot::Tools::install_stop_handlers();
     const std::string address = argc == 3 ? argv[2] : Quorel::Iot::Keychain::bus_address();
 
     CItemStore store(argv[1]);
     if (!store.open()) return 1;
     CDevService service(store);
     if (!service.connect(address)) return 1;
-    const bool stopped_by_signal = service.run(g_stop);
+    const bool stopped_by_signal = service.run(Quorel::Iot::Tools::g_stop_requested);
     QLOG(1, "main, %s", stopped_by_signal ? "stopped" : "giving up");
     return stopped_by_signal ? 0 : 1;
 }

@@ -2,24 +2,14 @@
 
 #include <string.h>
 
+#include "quorel/keychain/keychain_wire.h"
 #include "quorel/log/log.h"
 
 namespace {
 
 constexpr const char kLogFile[] = "core-services/config-manager/tools/mqtt-bridge-devd/bus_link";
 
-class CBusError {
-public:
-    CBusError() { dbus_error_init(&m_error); }
-    ~CBusError() { dbus_error_free(&m_error); }
-    CBusError(const CBusError&) = delete;
-    CBusError& operator=(const CBusError&) = delete;
-    DBusError* get() { return &m_error; }
-    const char* message() const { return dbus_error_is_set(&m_error) ? m_error.message : "unknown"; }
-
-private:
-    DBusError m_error;
-};
+using Quorel::Iot::Keychain::CBusError;
 
 }  // namespace
 

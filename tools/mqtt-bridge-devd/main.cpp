@@ -19,32 +19,19 @@
 #include "bus_link.h"
 #include "mqtt_link.h"
 #include "quorel/log/log.h"
+#include "quorel/tools/stop_signals.h"
 
 namespace {
 
 constexpr const char kLogFile[] = "core-services/config-manager/tools/mqtt-bridge-devd/main";
 
-volatile sig_atomic_t g_stop = 0;
-
-void on_stop_signal(int) { g_stop = 1; }
-
-// SIGTERM and SIGINT set g_stop and are blocked outside the loop's wait; returns the mask to wait
-// with.
-sigset_t install_stop_handlers() {
-    struct sigaction action;
-    memset(&action, 0, sizeof(action));
-    action.sa_handler = on_stop_signal;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGTERM, &action, nullptr);
-    sigaction(SIGINT, &action, nullptr);
-    // A broker or bus that goes away mid-write shows as an error return, not as death by SIGPIPE.
-    signal(SIGPIPE, SIG_IGN);
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGTERM);
-    sigaddset(&stop_signals, SIGINT);
+// SIGTERM and SIGINT are let through only during the loop's wait, so none is missed between a
+// check of the flag and the wait; returns the mask to wait with.
+sigset_t block_stop_signals() {
+    Quorel::Iot::Tools::install_stop_handlers();
+    const sigset_t stops = Quorel::Iot::Tools::stop_signal_set();
     sigset_t wait_mask;
-    sigprocmask(SIG_BLOCK, &stop_signals, &wait_mask);
+    sigprocmask(SIG_BLOCK, &stops, &wait_mask);
     sigdelset(&wait_mask, SIGTERM);
     sigdelset(&wait_mask, SIGINT);
     return wait_mask;
@@ -70,7 +57,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     log_init("mqtt-bridge-devd", 1, 0, 2);
-    const sigset_t wait_mask = install_stop_handlers();
+    const sigset_t wait_mask = block_stop_signals();
     CMosquittoLibrary library;
 
     CBusLink bus;
@@ -83,7 +70,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     QLOG(1, "main, relaying to the broker %s:%d", options.host.c_str(), options.port);
-    const bool stopped_by_signal = run_bridge_loop(bus, mqtt, service, g_stop, wait_mask);
+    const bool stopped_by_signal = run_bridge_loop(bus, mqtt, service, Quorel::Iot::Tools::g_stop_requested, wait_mask);
     service.stop();
     mqtt.disconnect();
     bus.flush();

@@ -2,18 +2,13 @@
 
 #include <mosquitto.h>
 #include <stdio.h>
-#include <sys/time.h>
-#include <time.h>
 
 #include <fstream>
-#include <mutex>
 #include <sstream>
 
 namespace ShadowCloud {
 
 namespace {
-
-std::mutex g_print_mutex;
 
 // A document as one line: compact JSON when it parses, the text itself otherwise.
 std::string one_line(const std::string& payload) {
@@ -34,18 +29,6 @@ std::string answer(int code, const std::string& message, const Json::Value& shad
 }
 
 }  // namespace
-
-void print_line(const std::string& text) {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    tm local;
-    localtime_r(&now.tv_sec, &local);
-    char stamp[32];
-    strftime(stamp, sizeof(stamp), "%H:%M:%S", &local);
-    std::lock_guard<std::mutex> lock(g_print_mutex);
-    printf("%s.%03ld %s\n", stamp, static_cast<long>(now.tv_usec / 1000), text.c_str());
-    fflush(stdout);
-}
 
 CCloudLink::CCloudLink(const std::string& host, int port, const std::string& state_path)
     : m_host(host), m_port(port), m_state_path(state_path) {}

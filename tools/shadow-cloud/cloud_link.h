@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "quorel/tools/timestamped_line.h"
 #include "shadow_book.h"
 
 struct mosquitto;
@@ -48,8 +49,7 @@ private:
     bool m_loop_started = false;
 };
 
-// One line of the printed trace, with the local time to the millisecond. Thread-safe.
-void print_line(const std::string& text);
+using Quorel::Iot::Tools::print_line;
 
 }  // namespace ShadowCloud
 

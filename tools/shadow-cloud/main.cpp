@@ -11,6 +11,7 @@
 
 #include "cloud_link.h"
 #include "command_client.h"
+#include "quorel/tools/stop_signals.h"
 #include "shadow_book.h"
 
 using namespace ShadowCloud;
@@ -54,9 +55,6 @@ bool parse_number(const char* text, long low, long high, int& value) {
     return true;
 }
 
-volatile sig_atomic_t g_stop = 0;
-void on_stop_signal(int) { g_stop = 1; }
-
 int serve(const std::string& host, int port, const std::vector<std::string>& args) {
     std::string state;
     for (size_t i = 0; i < args.size(); ++i) {
@@ -66,13 +64,7 @@ int serve(const std::string& host, int port, const std::vector<std::string>& arg
             return usage_error("serve: unexpected argument '" + args[i] + "'");
         }
     }
-    struct sigaction action;
-    memset(&action, 0, sizeof(action));
-    action.sa_handler = on_stop_signal;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGTERM, &action, nullptr);
-    sigaction(SIGINT, &action, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    Quorel::Iot::Tools::install_stop_handlers();
 
     CCloudLink link(host, port, state);
     std::string reason;
@@ -82,7 +74,7 @@ int serve(const std::string& host, int port, const std::vector<std::string>& arg
     }
     print_line("shadow-cloud serving on " + host + ":" + std::to_string(port) +
                (state.empty() ? "" : ", shadows kept in " + state));
-    while (!g_stop) pause();
+    Quorel::Iot::Tools::wait_for_stop();
     link.stop();
     print_line("stopped");
     return 0;

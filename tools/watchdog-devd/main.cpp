@@ -9,27 +9,16 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "quorel/tools/stop_signals.h"
 #include "watchdog_listener.h"
-
-namespace {
-
-volatile sig_atomic_t g_stop = 0;
-void on_stop_signal(int) { g_stop = 1; }
-
-}  // namespace
 
 int main(int argc, char** argv) {
     if (argc > 2 || (argc == 2 && argv[1][0] == '-')) {
         fprintf(stderr, "usage: %s [bus-address]\n", argv[0]);
         return 2;
     }
-    struct sigaction action;
-    memset(&action, 0, sizeof(action));
-    action.sa_handler = on_stop_signal;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGTERM, &action, nullptr);
-    sigaction(SIGINT, &action, nullptr);
+    Quorel::Iot::Tools::install_stop_handlers();
     CWatchdogListener listener;
     if (!listener.connect(argc == 2 ? argv[1] : Quorel::Iot::Keychain::bus_address())) return 1;
-    return listener.run(g_stop) ? 0 : 1;
+    return listener.run(Quorel::Iot::Tools::g_stop_requested) ? 0 : 1;
 }

@@ -1,8 +1,6 @@
 #include "watchdog_listener.h"
 
 #include <stdio.h>
-#include <sys/time.h>
-#include <time.h>
 
 namespace {
 
@@ -12,17 +10,6 @@ constexpr const char kFeedMember[] = "feedDog";
 using Quorel::Iot::Keychain::CBusError;
 
 }  // namespace
-
-void print_line(const std::string& text) {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    tm local;
-    localtime_r(&now.tv_sec, &local);
-    char stamp[32];
-    strftime(stamp, sizeof(stamp), "%H:%M:%S", &local);
-    printf("%s.%03ld %s\n", stamp, static_cast<long>(now.tv_usec / 1000), text.c_str());
-    fflush(stdout);
-}
 
 bool CWatchdogListener::connect(const std::string& address) {
     CBusError error;

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "quorel/keychain/keychain_wire.h"
+#include "quorel/tools/timestamped_line.h"
 
 class CWatchdogListener {
 public:
@@ -33,7 +34,6 @@ private:
     std::map<std::string, Feeder> m_feeders;  // by the feeder's name argument
 };
 
-// One printed line, with the local time to the millisecond.
-void print_line(const std::string& text);
+using Quorel::Iot::Tools::print_line;
 
 #endif
