@@ -4,7 +4,7 @@
 set -euo pipefail
 packages=(build-essential cmake pkg-config clang libclang-rt-14-dev libdbus-1-dev libjsoncpp-dev dbus-daemon dbus-bin
           googletest libgtest-dev libgmock-dev procps util-linux
-          mosquitto libmosquitto-dev)
+          mosquitto libmosquitto-dev libsystemd-dev)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing+=("$p")

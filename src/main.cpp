@@ -12,6 +12,7 @@
 #include "quorel/configmanager/config_business.h"
 #include "quorel/keychain/keychain.h"
 #include "quorel/log/log.h"
+#include "quorel/platform/service_manager.h"
 
 namespace Quorel {
 namespace Iot {
@@ -70,7 +71,10 @@ int start(int argc, char** argv) {
         return -1;
     }
 
+    // Both bus names are owned: a service manager may now start what depends on us.
+    Quorel::Iot::Platform::notify_ready();
     g_exit_sem.wait(0);
+    Quorel::Iot::Platform::notify_stopping();
 
     g_config_adapter->stop();
     delete g_config_adapter;

@@ -8,6 +8,7 @@
 #include "dbus_error_guard.h"
 #include "quorel/dbus/dbus_server.h"
 #include "quorel/log/log.h"
+#include "quorel/platform/service_manager.h"
 
 namespace Quorel {
 namespace Iot {
@@ -276,8 +277,17 @@ void CDBusInternalHandle::threadProc() {
         connection = m_connection.get();
     }
     uint64_t last_feed = Platform::tick_ms();
+    // The service manager's watchdog is fed from this same loop, next to the gateway's, so that a
+    // reader that hangs stops both.
+    const uint64_t manager_ping_ms = Platform::watchdog_ping_interval_ms();
+    uint64_t last_manager_ping = 0;
     while (is_running()) {
         feed_dog_if_due(last_feed);
+        if (manager_ping_ms > 0 && m_watchdog_interval.load(std::memory_order_acquire) > 0 &&
+            Platform::tick_ms() - last_manager_ping >= manager_ping_ms) {
+            last_manager_ping = Platform::tick_ms();
+            Platform::notify_watchdog();
+        }
         wait_for_traffic(connection, kReadTimeoutMs);
         const dbus_bool_t bret = dbus_connection_read_write(connection, 0);
         if (!bret) {
