@@ -35,6 +35,13 @@ export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0"
 export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
 
 run_variant plain "" ""
+# The Debian packages from the plain build: built, installed with dpkg, run, purged. dpkg needs root.
+if [ "$(id -u)" -eq 0 ]; then
+    echo "== package test =="
+    bash packaging/test/package_test.sh build-test-plain
+else
+    echo "== package test skipped: dpkg -i needs root =="
+fi
 run_variant asan "" "" -DCM_SANITIZE_ADDRESS=ON
 if [ $tsan -eq 1 ]; then
     threaded_tests=$(ls base/platform/test/*_test.cpp base/dbus/test/*_test.cpp | xargs -n1 basename | sed 's/\.cpp$//' | tr '\n' ' ')
