@@ -54,8 +54,12 @@ service=$(ls "$work"/packages/config-manager_*_amd64.deb)
 devtools=$(ls "$work"/packages/config-manager-devtools_*_amd64.deb)
 expect_files "$service" /etc/config-manager/default.json /usr/bin/cmctl /usr/sbin/config-manager \
     /usr/lib/systemd/system/config-manager.service /usr/share/bash-completion/completions/cmctl \
-    /usr/share/config-manager/bus-policy/config-manager.conf /usr/share/man/man1/cmctl.1.gz
-expect_files "$devtools" /usr/bin/keychain-devd /usr/bin/mqtt-bridge-devd /usr/bin/shadow-cloud /usr/bin/watchdog-devd
+    /usr/share/config-manager/bus-policy/config-manager.conf /usr/share/man/man1/cmctl.1.gz \
+    /usr/share/doc/config-manager/copyright /usr/share/doc/config-manager/changelog.gz \
+    /usr/share/lintian/overrides/config-manager
+expect_files "$devtools" /usr/bin/keychain-devd /usr/bin/mqtt-bridge-devd /usr/bin/shadow-cloud /usr/bin/watchdog-devd \
+    /usr/share/doc/config-manager-devtools/copyright /usr/share/doc/config-manager-devtools/changelog.gz \
+    /usr/share/lintian/overrides/config-manager-devtools
 dpkg-deb -f "$service" Depends | grep -q libdbus-1-3 || fail "no library dependencies from shlibdeps"
 [ "$(dpkg-deb --ctrl-tarfile "$service" | tar -xO ./conffiles)" = /etc/config-manager/default.json ] ||
     fail "the default file is not a conffile"
