@@ -121,7 +121,9 @@ void CCloudLink::handle_request(const std::string& payload) {
     if (!CShadowBook::parse(payload, request) || !request.isObject() || !request["answer_to"].isString()) return;
     const std::string answer_to = request["answer_to"].asString();
     if (answer_to.compare(0, sizeof(kAnswerPrefix) - 1, kAnswerPrefix) != 0) return;
-    const std::string command = request["command"].asString();
+    // Anyone on the broker may publish here: a member of another type must not reach a conversion
+    // that throws on the network thread.
+    const std::string command = request["command"].isString() ? request["command"].asString() : "";
     const std::string device = request["device"].isString() ? request["device"].asString() : "";
     std::string reason;
     std::string text;

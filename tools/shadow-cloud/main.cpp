@@ -110,7 +110,8 @@ int command(const std::string& host, int port, int timeout_ms, const std::string
         return 3;
     }
     if (code != 0) {
-        fprintf(stderr, "shadow-cloud: %s\n", answer["message"].asString().c_str());
+        const Json::Value& message = answer["message"];
+        fprintf(stderr, "shadow-cloud: %s\n", message.isString() ? message.asString().c_str() : "refused");
         return 1;
     }
     printf("%s", answer["shadow"].toStyledString().c_str());

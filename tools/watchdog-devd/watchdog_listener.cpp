@@ -58,13 +58,15 @@ bool CWatchdogListener::run(const volatile sig_atomic_t& stop) {
 }
 
 void CWatchdogListener::handle_feed(DBusMessage* signal) {
+    const char* sender_text = dbus_message_get_sender(signal);
+    const std::string sender = sender_text != nullptr ? sender_text : "(no sender)";
     const char* name = nullptr;
     const char* id = nullptr;
     dbus_int32_t timeout_s = 0;
     if (!dbus_message_get_args(signal, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &id, DBUS_TYPE_INT32,
                                &timeout_s, DBUS_TYPE_INVALID)) {
         print_line(std::string("feedDog with arguments ") + dbus_message_get_signature(signal) +
-                   " instead of (ssi) from " + dbus_message_get_sender(signal) + ", ignored");
+                   " instead of (ssi) from " + sender + ", ignored");
         return;
     }
     // The name is the feeder's own word; a flood of invented names must not grow the table.
@@ -74,7 +76,7 @@ void CWatchdogListener::handle_feed(DBusMessage* signal) {
     feeder.timeout_s = timeout_s;
     feeder.overdue = false;
     print_line(std::string("feedDog ") + name + " id=" + id + " timeout=" + std::to_string(timeout_s) + " s from " +
-               dbus_message_get_sender(signal));
+               sender);
 }
 
 void CWatchdogListener::check_overdue() {

@@ -121,6 +121,26 @@ TEST_F(AShadowCloud, PrintsAndIgnoresWhatItCannotUseAndGoesOn) {
     EXPECT_EQ("reply", get_shadow("pk01/gw-7")["method"].asString());
 }
 
+TEST_F(AShadowCloud, ShrugsOffRequestsOfTheWrongShapeOnItsRequestTopic) {
+    CMqttClient hostile;
+    ASSERT_TRUE(hostile.connect(m_broker.host(), m_broker.port()));
+    ASSERT_TRUE(hostile.subscribe("/shadow-cloud/answer/#", 1));
+    for (const std::string request :
+         {R"({"command":{},"answer_to":"/shadow-cloud/answer/h"})",
+          R"({"command":["desire"],"answer_to":"/shadow-cloud/answer/h"})",
+          R"({"command":"desire","device":{"a":1},"values":{"k":1},"answer_to":"/shadow-cloud/answer/h"})",
+          R"({"command":"desire","device":"pk/d","values":[1],"answer_to":"/shadow-cloud/answer/h"})",
+          R"({"command":"show","answer_to":"/shadow-cloud/answer/+"})", "[]", "{", "\xff"}) {
+        ASSERT_TRUE(hostile.publish("/shadow-cloud/request", request, 1));
+    }
+    // Each well-addressed request is refused with an answer, and the simulator keeps serving.
+    ASSERT_TRUE(hostile.wait_for_count("/shadow-cloud/answer/h", 4)) << m_serve->out() << m_serve->err();
+    for (const CMqttMessage& answer : hostile.messages("/shadow-cloud/answer/h"))
+        EXPECT_EQ(1, parsed(answer.payload)["code"].asInt()) << answer.payload;
+    EXPECT_TRUE(m_serve->running());
+    EXPECT_EQ(0, command({"desire", "pk01/gw-7", "a=1"}).status);
+}
+
 TEST_F(AShadowCloud, KeepsItsShadowsAcrossARestart) {
     ASSERT_EQ(0, command({"desire", "pk01/gw-7", "gw_orlo_logStore=store-1"}).status);
     ASSERT_TRUE(m_serve->signal(SIGTERM));
