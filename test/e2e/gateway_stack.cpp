@@ -5,7 +5,7 @@
 
 #include <fstream>
 
-#include "quorel/configmanager/base64.h"
+#include "../adapter_harness.h"
 #include "quorel/testsupport/fake_service.h"
 #include "quorel/testsupport/wait.h"
 
@@ -16,15 +16,6 @@ namespace Testing {
 namespace {
 
 using std::chrono::seconds;
-
-std::string defaults() {
-    std::string product_key;
-    std::string device_name;
-    Configmanager::base64_encode("pk01", product_key);
-    Configmanager::base64_encode("gw-7", device_name);
-    return R"({"config": {"gw_system_productkey": ")" + product_key + R"(", "gw_system_devicename": ")" + device_name +
-           R"("}})";
-}
 
 std::string tail(const std::string& text, size_t lines) {
     size_t at = text.size();
@@ -97,7 +88,7 @@ bool CGatewayStack::start(const std::string& shadows) {
         !wait_until([&] { return m_cloud->out().find("listening on") != std::string::npos; }, seconds(10))) {
         return fail("the simulator did not come up");
     }
-    std::ofstream(m_dir + "/default.json") << defaults();
+    std::ofstream(m_dir + "/default.json") << identity_defaults();
     m_service.reset(new CChildProcess());
     if (!m_service->start({CM_BINARY, m_dir + "/default.json"}, {"CONFIG_MANAGER_BUS_ADDRESS=" + m_bus.address()}) ||
         !wait_until([&] { return name_owned("iot.dmp.config.adapter"); }, seconds(20))) {
