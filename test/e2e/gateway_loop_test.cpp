@@ -96,7 +96,12 @@ TEST_F(AGateway, SyncsTheShadowBothWaysThroughARealBroker) {
 
     // The reported values came with one document and were applied once; the control document that
     // followed carried only desired values.
-    const std::string log = m_stack.service().err();
+    // The service writes its log a moment after the lines are logged.
+    std::string log;
+    wait_until([&] {
+        log = m_stack.service().err();
+        return applied(log, "gw_orlo_project", "proj-a") > 0 && applied(log, "gw_orlo_logStore", "store-1") > 0;
+    });
     EXPECT_EQ(1u, applied(log, "gw_orlo_project", "proj-a")) << m_stack.logs();
     EXPECT_EQ(1u, applied(log, "gw_orlo_logStore", "store-1"));
 }

@@ -1,41 +1,105 @@
 #include "quorel/log/log.h"
 
-#include <pthread.h>
 #include <stdarg.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/time.h>
+#include <syslog.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <string>
+#include <mutex>
+
+#include "log_crash.h"
+#include "log_writer.h"
+
+using Quorel::Iot::Log::CLogWriter;
+using Quorel::Iot::Log::CSinkKind;
 
 namespace {
 
-pthread_mutex_t g_log_mutex = PTHREAD_MUTEX_INITIALIZER;
-std::string g_identity = "unknown";  // guarded by g_log_mutex
-time_t g_stamp_second = -1;          // guarded by g_log_mutex
-char g_stamp[32];                    // guarded by g_log_mutex: g_stamp_second as local time
+constexpr size_t kMaxMessage = 2048;
+// Room before the message for the line's prefix: time, identity, level, file, line, function.
+constexpr size_t kMaxPrefix = 512;
+constexpr int kDefaultThreshold = 1;
+
+int threshold_from_environment(int fallback) {
+    const char* text = getenv(LOG_LEVEL_VARIABLE);
+    if (text == nullptr || text[0] < '0' || text[0] > '3' || text[1] != '\0') return fallback;
+    return text[0] - '0';
+}
+
+std::atomic<int> g_threshold{threshold_from_environment(kDefaultThreshold)};
+// Identities are kept for the life of the process: syslog keeps the pointer it is given, and a
+// line being formatted on another thread may still read the previous one.
+std::atomic<const char*> g_identity{"unknown"};
+std::mutex g_init_mutex;
 std::atomic<log_sink_fn> g_sink{nullptr};
 std::atomic<void*> g_sink_context{nullptr};
 
-bool detail_enabled() {
-    // Read once: the environment does not change under a running service.
-    static const bool enabled = [] {
-        const char* v = getenv("CONFIG_MANAGER_LOG_DETAIL");
-        return v != nullptr && v[0] != '\0' && strcmp(v, "0") != 0;
-    }();
-    return enabled;
+const char* intern_identity(const char* identity) {
+    if (identity == nullptr) identity = "unknown";
+    const char* current = g_identity.load(std::memory_order_acquire);
+    if (strcmp(current, identity) == 0) return current;
+    const char* copy = strdup(identity);
+    return copy != nullptr ? copy : current;
+}
+
+// "2026-11-23 01:02:03.456" for now. Busy paths log a line per key: the calendar time is
+// rendered once a second per thread, which needs no lock.
+size_t format_stamp(char* out, size_t size) {
+    thread_local time_t stamp_second = -1;
+    thread_local char stamp[32];
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    if (tv.tv_sec != stamp_second) {
+        struct tm tm_now;
+        localtime_r(&tv.tv_sec, &tm_now);
+        strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", &tm_now);
+        stamp_second = tv.tv_sec;
+    }
+    const int n = snprintf(out, size, "%s.%03u", stamp, static_cast<unsigned>(tv.tv_usec / 1000) % 1000u);
+    return n < 0 ? 0 : static_cast<size_t>(n);
+}
+
+// Writes the record's head into prefix and returns its length. Standard error gets the whole line;
+// syslog supplies time and identity itself and gets (length, level) before the text instead.
+size_t format_prefix(CSinkKind kind, char* prefix, int level, const char* file, int line, const char* function) {
+    int n = 0;
+    if (kind == CSinkKind::kFd) {
+        char stamp[64];
+        format_stamp(stamp, sizeof(stamp));
+        n = snprintf(prefix, kMaxPrefix, "%s %s L%d %s:%d %s: ", stamp, g_identity.load(std::memory_order_acquire),
+                     level, file, line, function);
+    } else {
+        n = snprintf(prefix + 5, kMaxPrefix - 5, "L%d %s:%d %s: ", level, file, line, function);
+        n = n < 0 ? 0 : n + 5;
+    }
+    if (n < 0) return 0;
+    return static_cast<size_t>(n) < kMaxPrefix ? static_cast<size_t>(n) : kMaxPrefix - 1;
 }
 
 }  // namespace
 
-extern "C" void log_init(const char* identity, int, int, int) {
-    pthread_mutex_lock(&g_log_mutex);
-    g_identity = identity != nullptr ? identity : "unknown";
-    pthread_mutex_unlock(&g_log_mutex);
+extern "C" void log_init(const char* identity, int output, int facility, int verbosity) {
+    std::lock_guard<std::mutex> lock(g_init_mutex);
+    const char* interned = intern_identity(identity);
+    g_identity.store(interned, std::memory_order_release);
+    const int clamped = verbosity < 0 ? 0 : (verbosity > 3 ? 3 : verbosity);
+    g_threshold.store(threshold_from_environment(3 - clamped), std::memory_order_relaxed);
+    if (output == LOG_OUTPUT_SYSLOG) {
+        static const int kFacilities[] = {LOG_DAEMON, LOG_LOCAL0, LOG_LOCAL1, LOG_LOCAL2, LOG_LOCAL3,
+                                          LOG_LOCAL4, LOG_LOCAL5, LOG_LOCAL6, LOG_LOCAL7};
+        const bool known = facility >= 0 && facility <= 8;
+        openlog(interned, LOG_PID | LOG_NDELAY, kFacilities[known ? facility : 0]);
+        CLogWriter::instance().set_sink(CSinkKind::kSyslog, STDERR_FILENO);
+    } else {
+        CLogWriter::instance().set_sink(CSinkKind::kFd, STDERR_FILENO);
+    }
+    Quorel::Iot::Log::install_crash_flush();
 }
 
 extern "C" void log_set_sink(log_sink_fn sink, void* context) {
@@ -43,41 +107,45 @@ extern "C" void log_set_sink(log_sink_fn sink, void* context) {
     g_sink.store(sink, std::memory_order_release);
 }
 
+extern "C" void log_flush(void) { CLogWriter::instance().flush(); }
+
 extern "C" void log_print(int level, const char*, const char*, const char* file, const char* function, int line,
                           const char* format, ...) {
     log_sink_fn sink = g_sink.load(std::memory_order_acquire);
-    const bool to_stderr = level > 0 || detail_enabled();
-    if (!to_stderr && sink == nullptr) return;
+    const bool written = level >= g_threshold.load(std::memory_order_relaxed);
+    if (!written && sink == nullptr) return;
 
-    char message[2048];
+    // The message is formatted once, in place after the room for the prefix; the prefix is put
+    // right before it, so the record is one contiguous run of bytes.
+    char record[kMaxPrefix + kMaxMessage + 1];
+    char* message = record + kMaxPrefix;
     va_list args;
     va_start(args, format);
-    int n = vsnprintf(message, sizeof(message), format, args);
+    const int n = vsnprintf(message, kMaxMessage, format, args);
     va_end(args);
     if (n < 0) message[0] = '\0';
+    const size_t message_length = n < 0 ? 0 : (static_cast<size_t>(n) < kMaxMessage ? n : kMaxMessage - 1);
 
     if (sink != nullptr) sink(level, file, function, line, message, g_sink_context.load(std::memory_order_relaxed));
-    if (!to_stderr) return;
+    if (!written) return;
 
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-
-    char out[2600];
-    pthread_mutex_lock(&g_log_mutex);
-    // Busy paths log a line per key; rendering the calendar time once a second keeps that cheap.
-    if (tv.tv_sec != g_stamp_second) {
-        struct tm tm_now;
-        localtime_r(&tv.tv_sec, &tm_now);
-        strftime(g_stamp, sizeof(g_stamp), "%Y-%m-%d %H:%M:%S", &tm_now);
-        g_stamp_second = tv.tv_sec;
+    CLogWriter& writer = CLogWriter::instance();
+    for (;;) {
+        const CSinkKind kind = writer.kind();
+        char prefix[kMaxPrefix];
+        const size_t prefix_length = format_prefix(kind, prefix, level, file, line, function);
+        char* begin = message - prefix_length;
+        memcpy(begin, prefix, prefix_length);
+        size_t size = prefix_length + message_length;
+        if (kind == CSinkKind::kFd) {
+            message[message_length] = '\n';
+            ++size;
+        } else {
+            const uint32_t text_length = static_cast<uint32_t>(size - 5);
+            memcpy(begin, &text_length, sizeof(text_length));
+            begin[4] = static_cast<char>(level < 0 ? 0 : (level > 3 ? 3 : level));
+        }
+        // Failures are what is read after a crash or a hang: they go out before the caller goes on.
+        if (writer.append(kind, begin, size, level >= 3)) return;
     }
-    int len = snprintf(out, sizeof(out), "%s.%03ld %s L%d %s:%d %s: %s\n", g_stamp,
-                       static_cast<long>(tv.tv_usec / 1000), g_identity.c_str(), level, file, line, function, message);
-    if (len > 0) {
-        size_t total = static_cast<size_t>(len) < sizeof(out) ? static_cast<size_t>(len) : sizeof(out) - 1;
-        if (total == sizeof(out) - 1) out[total - 1] = '\n';
-        ssize_t ignored = write(STDERR_FILENO, out, total);
-        (void)ignored;
-    }
-    pthread_mutex_unlock(&g_log_mutex);
 }

@@ -1,19 +1,35 @@
-// The gateway logger: one line per call on standard error.
+// The gateway logger: one line per call, written off the caller's path.
 //
-// Thread-safe: a line is written with a single write(2) under a process-wide lock, so lines of
-// concurrent callers never interleave. Level 0 ("detail") lines are hidden unless the environment
-// variable CONFIG_MANAGER_LOG_DETAIL is set to a non-empty value other than "0".
+// log_print formats the line on the calling thread and hands it, whole, to a writer thread that
+// writes many lines at a time. Lines of concurrent callers never interleave and each thread's
+// lines keep their order. Level 3 (failure) lines are written before log_print returns, together
+// with everything logged before them. A caller waits while the buffer is full; no line is
+// dropped. What is buffered is written at normal exit and, once log_init has run, before the
+// process dies of SIGSEGV, SIGBUS, SIGILL, SIGFPE or SIGABRT.
+//
+// Levels: 0 detail, 1 start/stop and per-request traces, 2 warnings, 3 failures.
 #ifndef QUOREL_LOG_LOG_H
 #define QUOREL_LOG_LOG_H
+
+// log_init's output.
+#define LOG_OUTPUT_STDERR 1  // standard error, one line each (journald collects it under systemd)
+#define LOG_OUTPUT_SYSLOG 2  // syslog(3) with the level as priority (detail debug ... failure err)
+
+// Overrides the threshold log_init derives from its verbosity: "0" writes every level, "1"
+// levels 1 to 3 (the default), "2" levels 2 and 3, "3" failures only. For development.
+#define LOG_LEVEL_VARIABLE "CONFIG_MANAGER_LOG_LEVEL"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-// identity names the process in every line; the three integers are the gateway logger's
-// settings (output selection, remote flag, default level) and are kept for the caller's
-// benefit only: this implementation writes to standard error whatever they are.
-void log_init(const char* identity, int output, int remote, int level);
+// identity names the process in every line. output is one of LOG_OUTPUT_*; any other value means
+// standard error. facility selects the syslog facility: 0 daemon, 1 to 8 local0 to local7 (others
+// daemon); it matters for LOG_OUTPUT_SYSLOG only. verbosity sets the lowest level written, as
+// 3 - verbosity: 0 failures only, 1 warnings and failures, 2 everything but detail (the service's
+// own call, log_init(name, 1, 0, 2)), 3 everything. Before the first call, lines go to standard
+// error at that same default. May be called again at any time, from any thread.
+void log_init(const char* identity, int output, int facility, int verbosity);
 
 void log_print(int level, const char* color, const char* tag, const char* file, const char* function, int line,
                const char* format, ...) __attribute__((format(printf, 7, 8)));
@@ -23,6 +39,9 @@ void log_print(int level, const char* color, const char* tag, const char* file, 
 typedef void (*log_sink_fn)(int level, const char* file, const char* function, int line, const char* message,
                             void* context);
 void log_set_sink(log_sink_fn sink, void* context);
+
+// Returns once every line logged before the call has been written.
+void log_flush(void);
 
 #ifdef __cplusplus
 }
