@@ -37,10 +37,10 @@ std::string value_text(const Json::Value& value) {
     return value.asString();
 }
 
-// One write of doc as the document item; count receives the bytes written (the text and its NUL).
-// The checked write, so that a keychain the bus cannot reach counts as a failure to retry.
-int32_t write_document(const Json::Value& doc, uint32_t& count) {
-    const std::string text = Store::write_styled(doc);
+// One write of the rendered document as the document item; count receives the bytes written (the
+// text and its NUL). The checked write, so that a keychain the bus cannot reach counts as a
+// failure to retry.
+int32_t write_document_text(const std::string& text, uint32_t& count) {
     count = static_cast<uint32_t>(text.size() + 1);
     // c_str() supplies the NUL that is stored with the text.
     return kc_add_item_checked(kDocumentItem, reinterpret_cast<const uint8_t*>(text.c_str()), count, Store::kItemType);
@@ -81,10 +81,11 @@ private:
     uint32_t m_pause_ms = 0;
 };
 
-// One attempt at saving doc within a run of retries, logged as save_json_file; the keychain's result.
-int32_t attempt_save(const Json::Value& doc, CSaveRetry& retry) {
+// One attempt at saving the rendered document within a run of retries, logged as save_json_file;
+// the keychain's result.
+int32_t attempt_save(const std::string& text, CSaveRetry& retry) {
     uint32_t count = 0;
-    const int32_t ret = write_document(doc, count);
+    const int32_t ret = write_document_text(text, count);
     if (ret == KC_SUCCESS) {
         const uint32_t failures = retry.succeeded();
         if (failures != 0) {
@@ -196,10 +197,7 @@ void CConfigFileManagerFullamount::stop() {
     const uint64_t deadline = Platform::tick_ms() + kLastSaveBudgetMs;
     int32_t ret = KC_SUCCESS;
     for (;;) {
-        {
-            Platform::CMutexGuard guard(m_lock);
-            ret = attempt_save(m_config_json, retry);
-        }
+        ret = attempt_save(render_document(), retry);
         if (ret == KC_SUCCESS) return;
         // A client without a connection gets none while the process is ending: waiting is futile.
         if (ret == KC_ERR_NOT_INITIALIZED) break;
@@ -232,9 +230,14 @@ bool CConfigFileManagerFullamount::merge_config(const Json::Value& defaults) NO_
     return changed;
 }
 
+std::string CConfigFileManagerFullamount::render_document() {
+    Platform::CMutexGuard guard(m_lock);
+    return Store::write_styled(m_config_json);
+}
+
 bool CConfigFileManagerFullamount::save_json_file(const Json::Value& doc) {
     uint32_t count = 0;
-    const int32_t ret = write_document(doc, count);
+    const int32_t ret = write_document_text(Store::write_styled(doc), count);
     if (ret == KC_SUCCESS) return true;
     log_save_failure(count, ret);
     return false;
@@ -262,11 +265,8 @@ void CConfigFileManagerFullamount::threadProc() {
         // Cleared before the lock: a change that lands while we wait for the lock is in this
         // save; one that lands after it sets the flag again and gets the next save.
         if (!m_changed.exchange(false, std::memory_order_acq_rel)) continue;
-        int32_t ret = KC_SUCCESS;
-        {
-            Platform::CMutexGuard guard(m_lock);
-            ret = attempt_save(m_config_json, retry);
-        }
+        // Queries and sets go on while the keychain exchange runs: only the rendering needs the lock.
+        const int32_t ret = attempt_save(render_document(), retry);
         if (ret != KC_SUCCESS) {
             // Unsaved again: the retry, or stop(), writes the document as it is by then.
             m_changed.store(true, std::memory_order_release);

@@ -121,14 +121,32 @@ TEST_F(AKeychainBackedStore, SavesChangesMadeDuringASaveTogetherOnce) {
     keychain().set_delay_ms(300);
     m_store->set_metadata("first", Json::Value(0));
     ASSERT_TRUE(keychain().wait_for_count("kcAddKey", 1));
-    // These queue behind the first save on m_lock and are all in the document by the saver's
-    // next pass, which comes at least one semaphore poll after that save.
+    // These land while the first save waits for the keychain and are all in the document by the
+    // saver's next pass, which starts when that save ends.
     for (int i = 1; i <= 5; ++i) m_store->set_metadata("burst.r" + std::to_string(i), Json::Value(i));
     ASSERT_TRUE(wait_until([this] { return keychain().add_count() == 2; }));
     m_store->stop();
     EXPECT_EQ(keychain().add_count(), 2u);
     EXPECT_NE(stored().find("\"r5\" : 5"), std::string::npos);
     EXPECT_EQ(stored().find("\"config\""), std::string::npos);
+}
+
+TEST_F(AKeychainBackedStore, AnswersQueriesAndTakesChangesWhileASaveWaitsForTheKeychain) {
+    CConfigFileManagerFullamount& store = start_store();
+    keychain().set_delay_ms(1500);
+    ASSERT_TRUE(store.set_config("gw_a", "2"));
+    ASSERT_TRUE(keychain().wait_for_count("kcAddKey", 1));
+    std::string value;
+    std::string list;
+    EXPECT_TRUE(store.get_config("gw_new", value));
+    EXPECT_TRUE(store.get_config_keylist(".", list));
+    EXPECT_TRUE(store.set_config("gw_b", "4"));
+    // All of it happened before the keychain answered the save in flight.
+    EXPECT_EQ(keychain().add_count(), 0u);
+    EXPECT_EQ(value, "3");
+    EXPECT_EQ(list, "[\"gw_a\",\"gw_new\"]\n");
+    keychain().set_delay_ms(0);
+    ASSERT_TRUE(wait_until([this] { return stored_value("gw_b") == "4"; }));
 }
 
 TEST_F(AKeychainBackedStore, RetriesAFailedSaveWithTheCurrentDocumentUntilTheKeychainTakesIt) {

@@ -4,8 +4,9 @@
 //
 // Threads: queries and changes come from the configuration service's bus reader thread, saves from
 // the saver thread, start/stop from the main thread. Every operation holds m_lock while it touches
-// the document, and the saver holds it across the whole keychain save: requests arriving during a
-// save wait, which batches the changes of a burst into few saves.
+// the document. The saver holds it only while it renders the document, not during the keychain
+// exchange: requests go on meanwhile, and the changes they make are saved together by the next
+// save, which starts once this one ends, so a burst still costs one save per exchange time.
 // Failures are reported as false (output arguments then untouched) and logged.
 #ifndef QUOREL_CONFIGMANAGER_CONFIG_FILE_MANAGER_H
 #define QUOREL_CONFIGMANAGER_CONFIG_FILE_MANAGER_H
@@ -83,7 +84,10 @@ private:
     // document was loaded anew.
     size_t config_bytes() REQUIRES(m_lock);
 
-    // Guards the document; held across every query, change and whole keychain save.
+    // The document as the text the saver stores, rendered under m_lock.
+    std::string render_document();
+
+    // Guards the document; held across every query, change and rendering for a save.
     Platform::CMutex m_lock;
     Json::Value m_config_json GUARDED_BY(m_lock);
     size_t m_config_bytes GUARDED_BY(m_lock) = 0;
