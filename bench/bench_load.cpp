@@ -23,13 +23,6 @@ bool succeeded(DBusMessage* reply) {
     return read_code(reply, code) && code == 0;
 }
 
-bool one_call(DBusConnection* connection, const CCallFactory& factory) {
-    CMessage request = factory();
-    std::string error;
-    CMessage reply = request ? call(connection, request.get(), kCallTimeoutMs, error) : nullptr;
-    return succeeded(reply.get());
-}
-
 // Keeps in_flight calls outstanding until the deadline or call limit, then waits for the
 // stragglers. Counts only replies that arrived before the window closed.
 CThroughput pipeline(DBusConnection* connection, const CCallFactory& factory, unsigned in_flight,
@@ -83,16 +76,15 @@ struct CSamples {
 };
 
 // Returns the round's calls per second.
-double sample_sequential(DBusConnection* connection, const CCallFactory& factory, const CLoadPlan& plan,
-                         CSamples& samples) {
-    for (uint64_t i = 0; i < plan.warm_up; ++i) one_call(connection, factory);
+double sample_sequential(const CAction& action, const CLoadPlan& plan, CSamples& samples) {
+    for (uint64_t i = 0; i < plan.warm_up; ++i) action();
     const Clock::time_point started = Clock::now();
     const Clock::time_point deadline = started + plan.duration;
     Clock::time_point now = started;
     uint64_t calls = 0;
     while (now < deadline && calls < plan.max_calls) {
         const Clock::time_point before = Clock::now();
-        if (!one_call(connection, factory)) ++samples.failures;
+        if (!action()) ++samples.failures;
         now = Clock::now();
         samples.latencies_us.push_back(std::chrono::duration<double, std::micro>(now - before).count());
         ++calls;
@@ -149,10 +141,23 @@ double median(std::vector<double> values) {
     return values.size() % 2 != 0 ? values[mid] : (values[mid - 1] + values[mid]) / 2;
 }
 
-CRoundTrips run_sequential(DBusConnection* connection, const CCallFactory& factory, const CLoadPlan& plan) {
+CAction bus_action(DBusConnection* connection, const CCallFactory& factory) {
+    return [connection, factory] {
+        CMessage request = factory();
+        std::string error;
+        CMessage reply = request ? call(connection, request.get(), kCallTimeoutMs, error) : nullptr;
+        return succeeded(reply.get());
+    };
+}
+
+CRoundTrips run_sequential(const CAction& action, const CLoadPlan& plan) {
     CSamples samples;
-    sample_sequential(connection, factory, plan, samples);
+    sample_sequential(action, plan, samples);
     return samples.summary();
+}
+
+CRoundTrips run_sequential(DBusConnection* connection, const CCallFactory& factory, const CLoadPlan& plan) {
+    return run_sequential(bus_action(connection, factory), plan);
 }
 
 CRoundTrips run_sequential_count(DBusConnection* connection, const CCallFactory& factory, uint64_t count) {
@@ -169,17 +174,22 @@ CThroughput run_pipelined(DBusConnection* connection, const CCallFactory& factor
     return pipeline(connection, factory, in_flight, Clock::now() + plan.duration, plan.max_calls);
 }
 
-CPair<CRoundTrips> run_sequential_pair(DBusConnection* connection, const CCallFactory& baseline,
-                                       const CCallFactory& measured, const CLoadPlan& plan, unsigned rounds) {
+CPair<CRoundTrips> run_sequential_pair(const CAction& baseline, const CAction& measured, const CLoadPlan& plan,
+                                       unsigned rounds) {
     CSamples baseline_samples;
     CSamples measured_samples;
     std::vector<double> ratios;
     for (unsigned round = 0; round < rounds; ++round) {
         const CLoadPlan part = round_plan(plan, rounds, round);
-        const double base = sample_sequential(connection, baseline, part, baseline_samples);
-        ratios.push_back(ratio_of(sample_sequential(connection, measured, part, measured_samples), base));
+        const double base = sample_sequential(baseline, part, baseline_samples);
+        ratios.push_back(ratio_of(sample_sequential(measured, part, measured_samples), base));
     }
     return {baseline_samples.summary(), measured_samples.summary(), median(ratios)};
+}
+
+CPair<CRoundTrips> run_sequential_pair(DBusConnection* connection, const CCallFactory& baseline,
+                                       const CCallFactory& measured, const CLoadPlan& plan, unsigned rounds) {
+    return run_sequential_pair(bus_action(connection, baseline), bus_action(connection, measured), plan, rounds);
 }
 
 CPair<CThroughput> run_pipelined_pair(DBusConnection* connection, const CCallFactory& baseline,

@@ -17,6 +17,12 @@ namespace Bench {
 
 // Builds the next call; called once per call, so it may vary the arguments.
 using CCallFactory = std::function<CMessage()>;
+// One complete call of any kind (a bus round trip, a library call of a peer); true when it
+// succeeded.
+using CAction = std::function<bool()>;
+
+// A blocking call of the factory's message that succeeds on a reply with result code 0.
+CAction bus_action(DBusConnection* connection, const CCallFactory& factory);
 
 struct CRoundTrips {
     uint64_t calls = 0;
@@ -41,6 +47,7 @@ struct CLoadPlan {
     uint64_t max_calls = 200000;
 };
 
+CRoundTrips run_sequential(const CAction& action, const CLoadPlan& plan);
 CRoundTrips run_sequential(DBusConnection* connection, const CCallFactory& factory, const CLoadPlan& plan);
 // Exactly count calls, one after the other (no warm-up).
 CRoundTrips run_sequential_count(DBusConnection* connection, const CCallFactory& factory, uint64_t count);
@@ -56,6 +63,8 @@ struct CPair {
     Result measured;
     double ratio = 0;
 };
+CPair<CRoundTrips> run_sequential_pair(const CAction& baseline, const CAction& measured, const CLoadPlan& plan,
+                                       unsigned rounds);
 CPair<CRoundTrips> run_sequential_pair(DBusConnection* connection, const CCallFactory& baseline,
                                        const CCallFactory& measured, const CLoadPlan& plan, unsigned rounds);
 CPair<CThroughput> run_pipelined_pair(DBusConnection* connection, const CCallFactory& baseline,

@@ -14,18 +14,6 @@ namespace Bench {
 
 namespace {
 
-std::string format_value(double value) {
-    char buffer[64];
-    if (std::fabs(value) >= 100 || value == std::floor(value)) {
-        snprintf(buffer, sizeof(buffer), "%.0f", value);
-    } else if (std::fabs(value) >= 10) {
-        snprintf(buffer, sizeof(buffer), "%.1f", value);
-    } else {
-        snprintf(buffer, sizeof(buffer), "%.2f", value);
-    }
-    return buffer;
-}
-
 Json::Value host_description() {
     Json::Value host;
     struct utsname names;
@@ -44,6 +32,22 @@ Json::Value host_description() {
 }
 
 }  // namespace
+
+std::string format_value(double value) {
+    char buffer[64];
+    const double magnitude = std::fabs(value);
+    if (magnitude >= 100 || value == std::floor(value)) {
+        snprintf(buffer, sizeof(buffer), "%.0f", value);
+    } else if (magnitude >= 10) {
+        snprintf(buffer, sizeof(buffer), "%.1f", value);
+    } else if (magnitude >= 0.1) {
+        snprintf(buffer, sizeof(buffer), "%.2f", value);
+    } else {
+        // Two significant digits, so that a small ratio does not print as 0.
+        snprintf(buffer, sizeof(buffer), "%.2g", value);
+    }
+    return buffer;
+}
 
 double load_average() {
     double load = -1;
@@ -100,10 +104,10 @@ int CReport::misses() const {
 
 void CReport::print(FILE* out) const {
     for (const std::string& n : m_notes) fprintf(out, "\nNOTE: %s\n", n.c_str());
-    fprintf(out, "\n%-44s %12s %-8s %9s  %-22s %s\n", "figure", "value", "unit", "ratio", "target", "result");
+    fprintf(out, "\n%-44s %12s %-8s %9s  %-32s %s\n", "figure", "value", "unit", "ratio", "target", "result");
     for (const CFigure& f : m_figures) {
         const std::string ratio = f.has_ratio ? format_value(f.ratio) + "x" : "";
-        fprintf(out, "%-44s %12s %-8s %9s  %-22s %s\n", f.label.c_str(), format_value(f.value).c_str(), f.unit.c_str(),
+        fprintf(out, "%-44s %12s %-8s %9s  %-32s %s\n", f.label.c_str(), format_value(f.value).c_str(), f.unit.c_str(),
                 ratio.c_str(), f.target.c_str(), f.has_target ? (f.pass ? "PASS" : "MISS") : "");
         if (!f.detail.empty()) fprintf(out, "    %s\n", f.detail.c_str());
     }

@@ -13,6 +13,9 @@ namespace Quorel {
 namespace Iot {
 namespace Bench {
 
+// A figure's value as printed: whole numbers from 100 on, two significant digits below 0.1.
+std::string format_value(double value);
+
 // The one-minute load average of the machine, -1 when unknown.
 double load_average();
 

@@ -10,6 +10,7 @@
 #include "bench_bus.h"
 #include "bench_load.h"
 #include "bench_monitor.h"
+#include "bench_options.h"
 #include "bench_process.h"
 #include "bench_report.h"
 #include "bench_stack.h"
@@ -18,16 +19,18 @@ namespace Quorel {
 namespace Iot {
 namespace Bench {
 
-struct COptions {
-    std::string out = "bench-results.json";
-    std::string config_manager;
-    std::string keychain_devd;
-    bool quick = false;  // short measurements and no 100,000-key run: a smoke test of the harness
-    bool keep = false;   // keep the work directory with the services' logs
-};
+// The store the round trips run against, the key they read, and the number of alternating
+// rounds of every pair.
+constexpr size_t kRoundTripKeys = 1000;
+constexpr size_t kProbeKey = 42;
+constexpr unsigned kRounds = 5;
 
 // One line on standard error, so a long run shows where it is.
 void progress(const std::string& what);
+
+// "p50 ... us, p99 ... us, N calls, N failed".
+std::string latency_detail(const CRoundTrips& r);
+Json::Value latency_json(const CRoundTrips& r);
 
 class CBenchRun {
 public:
@@ -42,11 +45,17 @@ private:
     void measure_round_trips();
     void measure_observed_sets();
     void measure_keychain_writes();
+    // dconf's write and read beside set_config and get_config, with --peer dconf.
+    void measure_dconf_peer();
+    void add_peer_pair(const std::string& peer_id, const std::string& peer_label, const std::string& id,
+                       const std::string& label, const CPair<CRoundTrips>& pair);
     void add_round_trips(const std::string& id, const std::string& label, const CPair<CRoundTrips>& pair,
                          const std::string& more);
     // Restarts with 1,000 / 10,000 / 100,000 keys.
     void measure_scaling();
     void measure_queries(size_t keys, Json::Value& details);
+    // Sets the figure's target when it has a fixed bound.
+    void hold_to_limit(const std::string& id, double value);
     void note_machine_load(double before, double after);
 
     CCallFactory echo_get() const;

@@ -59,3 +59,14 @@ TEST(AReport, CountsMissedTargetsAndProblemsAsMisses) {
     EXPECT_FALSE(doc["figures"]["rss"].isMember("pass"));
     EXPECT_EQ(doc["problems"][0].asString(), "observers received 3 of 4 notifications");
 }
+
+TEST(AReport, PrintsSmallValuesWithTwoSignificantDigitsInsteadOfZero) {
+    using Quorel::Iot::Bench::format_value;
+    EXPECT_EQ(format_value(0.0038), "0.0038");
+    EXPECT_EQ(format_value(0.25), "0.25");
+    EXPECT_EQ(format_value(0.8), "0.80");
+    EXPECT_EQ(format_value(2.504), "2.50");
+    EXPECT_EQ(format_value(94.62), "94.6");
+    EXPECT_EQ(format_value(2817518.4), "2817518");
+    EXPECT_EQ(format_value(0), "0");
+}
