@@ -10,6 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 
@@ -21,10 +22,12 @@ using Quorel::Iot::Log::CSinkKind;
 
 namespace {
 
-constexpr size_t kMaxMessage = 2048;
+constexpr size_t kMaxMessage = LOG_MESSAGE_MAX + 1;
 // Room before the message for the line's prefix: time, identity, level, file, line, function.
 constexpr size_t kMaxPrefix = 512;
 constexpr int kDefaultThreshold = 1;
+// A syslog record's head: the text's length (4 bytes) and the level (1 byte).
+constexpr size_t kSyslogHeader = 5;
 
 int threshold_from_environment(int fallback) {
     const char* text = getenv(LOG_LEVEL_VARIABLE);
@@ -48,38 +51,80 @@ const char* intern_identity(const char* identity) {
     return copy != nullptr ? copy : current;
 }
 
-// "2026-11-23 01:02:03.456" for now. Busy paths log a line per key: the calendar time is
-// rendered once a second per thread, which needs no lock.
-size_t format_stamp(char* out, size_t size) {
+// "2026-11-23 01:02:03.456" for now. Busy paths log a line per key: the text is rendered once a
+// millisecond per thread (the calendar part once a second), which needs no lock.
+size_t format_stamp(char* out) {
     thread_local time_t stamp_second = -1;
+    thread_local long stamp_ms = -1;
     thread_local char stamp[32];
+    thread_local size_t stamp_length = 0;
     struct timeval tv;
     gettimeofday(&tv, nullptr);
+    const long ms = static_cast<long>(tv.tv_usec / 1000);
     if (tv.tv_sec != stamp_second) {
         struct tm tm_now;
         localtime_r(&tv.tv_sec, &tm_now);
-        strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", &tm_now);
+        stamp_length = strftime(stamp, sizeof(stamp) - 4, "%Y-%m-%d %H:%M:%S", &tm_now);
         stamp_second = tv.tv_sec;
+        stamp_ms = -1;
     }
-    const int n = snprintf(out, size, "%s.%03u", stamp, static_cast<unsigned>(tv.tv_usec / 1000) % 1000u);
-    return n < 0 ? 0 : static_cast<size_t>(n);
+    if (ms != stamp_ms) {
+        stamp[stamp_length] = '.';
+        stamp[stamp_length + 1] = static_cast<char>('0' + ms / 100);
+        stamp[stamp_length + 2] = static_cast<char>('0' + ms / 10 % 10);
+        stamp[stamp_length + 3] = static_cast<char>('0' + ms % 10);
+        stamp_ms = ms;
+    }
+    memcpy(out, stamp, stamp_length + 4);
+    return stamp_length + 4;
+}
+
+// What follows the time in a line: the same for every line of one call site, so a thread keeps
+// the last one it rendered and a loop logging a line per key renders it once.
+struct CSiteText {
+    const char* file = nullptr;
+    const char* function = nullptr;
+    const char* identity = nullptr;
+    int line = -1;
+    int level = -1;
+    CSinkKind kind = CSinkKind::kFd;
+    size_t length = 0;
+    char text[kMaxPrefix];
+};
+
+const CSiteText& site_text(CSinkKind kind, int level, const char* file, int line, const char* function) {
+    thread_local CSiteText site;
+    const char* identity = g_identity.load(std::memory_order_acquire);
+    if (site.file == file && site.function == function && site.identity == identity && site.line == line &&
+        site.level == level && site.kind == kind) {
+        return site;
+    }
+    const int n =
+        kind == CSinkKind::kFd
+            ? snprintf(site.text, sizeof(site.text), " %s L%d %s:%d %s: ", identity, level, file, line, function)
+            : snprintf(site.text, sizeof(site.text), "L%d %s:%d %s: ", level, file, line, function);
+    site.length = n < 0 ? 0 : std::min(static_cast<size_t>(n), sizeof(site.text) - 1);
+    site.file = file;
+    site.function = function;
+    site.identity = identity;
+    site.line = line;
+    site.level = level;
+    site.kind = kind;
+    return site;
 }
 
 // Writes the record's head into prefix and returns its length. Standard error gets the whole line;
 // syslog supplies time and identity itself and gets (length, level) before the text instead.
 size_t format_prefix(CSinkKind kind, char* prefix, int level, const char* file, int line, const char* function) {
-    int n = 0;
-    if (kind == CSinkKind::kFd) {
-        char stamp[64];
-        format_stamp(stamp, sizeof(stamp));
-        n = snprintf(prefix, kMaxPrefix, "%s %s L%d %s:%d %s: ", stamp, g_identity.load(std::memory_order_acquire),
-                     level, file, line, function);
-    } else {
-        n = snprintf(prefix + 5, kMaxPrefix - 5, "L%d %s:%d %s: ", level, file, line, function);
-        n = n < 0 ? 0 : n + 5;
-    }
-    if (n < 0) return 0;
-    return static_cast<size_t>(n) < kMaxPrefix ? static_cast<size_t>(n) : kMaxPrefix - 1;
+    // Call sites pass literals, but a null must not reach the cache's comparison or snprintf.
+    if (file == nullptr) file = "";
+    if (function == nullptr) function = "";
+    const CSiteText& site = site_text(kind, level, file, line, function);
+    size_t length = kind == CSinkKind::kFd ? format_stamp(prefix) : kSyslogHeader;
+    const size_t room = kMaxPrefix - 1 - length;
+    const size_t taken = std::min(site.length, room);
+    memcpy(prefix + length, site.text, taken);
+    return length + taken;
 }
 
 }  // namespace
@@ -141,7 +186,7 @@ extern "C" void log_print(int level, const char*, const char*, const char* file,
             message[message_length] = '\n';
             ++size;
         } else {
-            const uint32_t text_length = static_cast<uint32_t>(size - 5);
+            const uint32_t text_length = static_cast<uint32_t>(size - kSyslogHeader);
             memcpy(begin, &text_length, sizeof(text_length));
             begin[4] = static_cast<char>(level < 0 ? 0 : (level > 3 ? 3 : level));
         }

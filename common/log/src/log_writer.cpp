@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -18,6 +19,9 @@ namespace Iot {
 namespace Log {
 
 namespace {
+
+// How long a fatal signal's handler waits for a chunk the writer is writing.
+constexpr int kCrashPatienceMs = 200;
 
 // A syslog record: its text length and level, then the text (no newline).
 constexpr size_t kRecordHeader = sizeof(uint32_t) + 1;
@@ -139,7 +143,11 @@ bool CLogWriter::append(CSinkKind kind, const char* data, size_t size, bool urge
         const size_t before = m_size.load(std::memory_order_relaxed);
         memcpy(m_front + before, data, size);
         m_size.store(before + size, std::memory_order_release);
-        if (before == 0 || before + size >= kWakeBytes) m_wake_writer.notify_one();
+        // The writer is woken only from its idle sleep, or when the buffer crosses the mark: a
+        // busy writer finds the lines at the end of its gathering pause without being told.
+        if ((m_idle && before == 0) || (before < kWakeBytes && before + size >= kWakeBytes)) {
+            m_wake_writer.notify_one();
+        }
         direct = !m_running;
     }
     if (urgent || direct) flush();
@@ -152,11 +160,21 @@ void CLogWriter::flush() {
 }
 
 void CLogWriter::drain() {
+    // Paired with crash_flush(): either the crash is seen here and the buffer left to the
+    // handler, or the handler sees this drain and waits for it to end, so no line is written twice.
+    m_draining.store(true);
+    if (m_crashed.load()) {
+        m_draining.store(false);
+        return;
+    }
     size_t size = 0;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         size = m_size.load(std::memory_order_relaxed);
-        if (size == 0) return;
+        if (size == 0) {
+            m_draining.store(false);
+            return;
+        }
         std::swap(m_front, m_back);
         m_back_next.store(m_back, std::memory_order_relaxed);
         m_back_size.store(size, std::memory_order_release);
@@ -165,6 +183,7 @@ void CLogWriter::drain() {
     }
     write_records(m_back, size);
     m_back_size.store(0, std::memory_order_release);
+    m_draining.store(false);
 }
 
 void CLogWriter::write_records(const char* data, size_t size) {
@@ -191,7 +210,9 @@ void CLogWriter::run() {
     for (;;) {
         // Idle, the writer sleeps until a line comes; then it lets lines gather for a while, so
         // that a busy service writes a few large chunks a second rather than a line at a time.
+        m_idle = true;
         m_wake_writer.wait(lock, [this] { return m_stopping || m_size.load(std::memory_order_relaxed) > 0; });
+        m_idle = false;
         m_wake_writer.wait_for(lock, std::chrono::milliseconds(kIntervalMs),
                                [this] { return m_stopping || m_size.load(std::memory_order_relaxed) >= kWakeBytes; });
         const bool stopping = m_stopping;
@@ -246,9 +267,17 @@ void CLogWriter::crash_flush() {
             write_all(fd, "\n", 1);
         });
     };
-    // The chunk the writer was writing, from where it got to, then what was still gathering. A
-    // syslog chunk in the writer's hands is left to syslog: its progress is not followed.
-    if (fd_kind) emit(m_back_next.load(std::memory_order_relaxed), m_back_size.load(std::memory_order_acquire));
+    // Other threads run on while this one handles its signal: a chunk being written is left to
+    // its writer for a moment. One that does not end (its output is blocked) is written from where
+    // it got to; a syslog chunk is left to syslog, whose progress is not followed.
+    m_crashed.store(true);
+    for (int i = 0; i < kCrashPatienceMs && m_draining.load(); ++i) {
+        const struct timespec millisecond = {0, 1000000};
+        nanosleep(&millisecond, nullptr);
+    }
+    if (m_draining.load() && fd_kind) {
+        emit(m_back_next.load(std::memory_order_relaxed), m_back_size.load(std::memory_order_acquire));
+    }
     emit(m_front, m_size.load(std::memory_order_acquire));
 }
 

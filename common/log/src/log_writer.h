@@ -71,11 +71,14 @@ private:
     std::atomic<size_t> m_size{0};       // bytes in m_front; written under m_mutex
     std::atomic<size_t> m_back_size{0};  // bytes in m_back not yet written (for crash_flush)
     std::atomic<const char*> m_back_next{nullptr};
+    std::atomic<bool> m_draining{false};  // a buffer is being taken and written
+    std::atomic<bool> m_crashed{false};   // a fatal signal's handler owns the buffers
     std::atomic<CSinkKind> m_kind{CSinkKind::kFd};
     std::atomic<int> m_fd{2};
     std::thread m_thread;
     bool m_running = false;     // the writer thread is there to write; guarded by m_mutex
     bool m_stopping = false;    // guarded by m_mutex
+    bool m_idle = false;        // the writer sleeps until a line comes; guarded by m_mutex
     bool m_finished = false;    // after exit began no new writer is started; guarded by m_mutex
     bool m_registered = false;  // atexit and the fork handler are installed; guarded by m_mutex
 };

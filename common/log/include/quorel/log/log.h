@@ -19,6 +19,10 @@
 // levels 1 to 3 (the default), "2" levels 2 and 3, "3" failures only. For development.
 #define LOG_LEVEL_VARIABLE "CONFIG_MANAGER_LOG_LEVEL"
 
+// The longest message a line carries; a longer one is cut there. Logging a text of unknown size
+// with "%.*s" and this precision keeps the formatting from reading all of it.
+#define LOG_MESSAGE_MAX 2047
+
 #ifdef __cplusplus
 extern "C" {
 #endif
