@@ -3,6 +3,7 @@
 #include <new>
 
 #include "config_file_manager_internal.h"
+#include "json_text.h"
 #include "quorel/configmanager/config_file_manager.h"
 #include "quorel/configmanager/limits.h"
 #include "quorel/keychain/keychain.h"
@@ -18,6 +19,14 @@ constexpr const char kLogFile[] = "core-services/config-manager/src/config_file_
 constexpr const char kDocumentItem[] = "_configmanager.config.file";
 // The saver wakes at least this often to look at m_changed.
 constexpr uint32_t kSaverWakeMs = 1000;
+// Saves start at least kSaveSpacingMs apart, and further apart for a document that takes longer
+// to render, so that rendering takes at most about 1 / kSaveDutyFactor of the time. This bounds the
+// window in which a set answered 0 is in memory only (about kSaveSpacingMs plus a save for a
+// small store) and keeps a burst of changes to a few keychain writes.
+constexpr uint64_t kSaveSpacingMs = 50;
+constexpr uint64_t kSaveDutyFactor = 5;
+// A sleep within the spacing looks at stop() this often.
+constexpr uint32_t kSpacingStepMs = 50;
 // A failed save is tried again after kRetryFirstMs, then after twice the previous pause, up to
 // kRetryMaxMs: a keychain that is back is caught up with soon, one that stays away is not
 // hammered.
@@ -159,10 +168,17 @@ bool load_keychain_document(Json::Value& out) {
 bool CConfigFileManagerFullamount::start(const std::string& default_path) {
     Platform::CMutexGuard guard(m_lock);
     // First boot has no keychain copy: the default file is the document until the first change.
-    if (!load_json_file(m_config_json, "")) load_json_file(m_config_json, default_path);
-    Json::Value defaults;
-    load_json_file(defaults, default_path);
-    merge_config(defaults);
+    const bool from_keychain = load_json_file(m_config_json, "");
+    const bool from_default_file = !from_keychain && load_json_file(m_config_json, default_path);
+    if (from_default_file) {
+        // Merging the default file into itself adds nothing: it is not read and parsed a second
+        // time (that was most of a large store's start-up), and there are no defaults to add.
+        merge_config(Json::Value());
+    } else {
+        Json::Value defaults;
+        load_json_file(defaults, default_path);
+        merge_config(defaults);
+    }
     // The document is a new one: its size is counted again at the first change.
     m_config_bytes_known = false;
     CThread::start();
@@ -224,7 +240,7 @@ bool CConfigFileManagerFullamount::merge_config(const Json::Value& defaults) NO_
             QLOG(1, "Key %s Value %s is new config", name.c_str(), value_text(value).c_str());
         }
     }
-    QLOG(1, "The merged config: %s", m_config_json.toStyledString().c_str());
+    QLOG(1, "The merged config: %s", styled_head(m_config_json, LOG_MESSAGE_MAX).c_str());
     const bool changed = m_changed.load(std::memory_order_acquire);
     if (changed) m_save_sem.post();
     return changed;
@@ -245,32 +261,37 @@ bool CConfigFileManagerFullamount::save_json_file(const Json::Value& doc) {
 
 void CConfigFileManagerFullamount::threadProc() {
     CSaveRetry retry;
-    uint64_t next_attempt = 0;  // tick_ms() before which a failing save is not tried again
+    // tick_ms() before which no save starts: after a failure the retry pause, after a success the
+    // spacing that turns a burst of changes into a few saves.
+    uint64_t not_before = 0;
     while (is_running()) {
-        uint32_t wait_ms = kSaverWakeMs;
-        if (retry.failing()) {
-            const uint64_t now = Platform::tick_ms();
-            wait_ms = next_attempt > now ? static_cast<uint32_t>(std::min<uint64_t>(next_attempt - now, wait_ms)) : 0;
+        // Idle, the first change wakes the saver at once, so a lone set is saved without delay.
+        if (!m_changed.load(std::memory_order_acquire)) m_save_sem.wait_for(kSaverWakeMs);
+        // Within the spacing the saver sleeps rather than waits on the semaphore: a burst of sets
+        // then costs each set an uncontended post, not a wake-up of this thread.
+        for (uint64_t now = Platform::tick_ms(); now < not_before && is_running(); now = Platform::tick_ms()) {
+            CThread::sleep_ms(static_cast<uint32_t>(std::min<uint64_t>(not_before - now, kSpacingStepMs)));
         }
-        // wait(0) would wait for ever.
-        if (wait_ms != 0) {
-            m_save_sem.wait(wait_ms);
-        } else {
-            m_save_sem.try_wait();
+        // One pass serves every change posted so far.
+        while (m_save_sem.try_wait()) {
         }
         // stop() saves what is left on its own thread once this loop has ended.
         if (!is_running()) break;
-        // New changes do not cut a pause short: the retry at its end writes them too.
-        if (retry.failing() && Platform::tick_ms() < next_attempt) continue;
-        // Cleared before the lock: a change that lands while we wait for the lock is in this
-        // save; one that lands after it sets the flag again and gets the next save.
+        // Cleared before the document is rendered: a change that lands meanwhile is in this save
+        // or sets the flag again for the next one.
         if (!m_changed.exchange(false, std::memory_order_acq_rel)) continue;
-        // Queries and sets go on while the keychain exchange runs: only the rendering needs the lock.
-        const int32_t ret = attempt_save(render_document(), retry);
-        if (ret != KC_SUCCESS) {
+        const uint64_t begin = Platform::tick_ms();
+        const std::string text = render_document();
+        const uint64_t rendered = Platform::tick_ms();
+        const int32_t ret = attempt_save(text, retry);
+        const uint64_t end = Platform::tick_ms();
+        if (ret == KC_SUCCESS) {
+            // A slow keychain costs this process nothing while it works: only the rendering counts.
+            not_before = std::max(begin + kSaveSpacingMs, end + kSaveDutyFactor * (rendered - begin));
+        } else {
             // Unsaved again: the retry, or stop(), writes the document as it is by then.
             m_changed.store(true, std::memory_order_release);
-            next_attempt = Platform::tick_ms() + retry.pause_ms();
+            not_before = end + retry.pause_ms();
         }
     }
 }

@@ -5,8 +5,9 @@
 // Threads: queries and changes come from the configuration service's bus reader thread, saves from
 // the saver thread, start/stop from the main thread. Every operation holds m_lock while it touches
 // the document. The saver holds it only while it renders the document, not during the keychain
-// exchange: requests go on meanwhile, and the changes they make are saved together by the next
-// save, which starts once this one ends, so a burst still costs one save per exchange time.
+// exchange: requests go on meanwhile. The first change after a quiet spell is saved at once; the
+// changes that follow are saved together by the next save, which starts a short spacing after the
+// previous one (config_file_manager_persistence.cpp), so a burst costs a few keychain writes.
 // Failures are reported as false (output arguments then untouched) and logged.
 #ifndef QUOREL_CONFIGMANAGER_CONFIG_FILE_MANAGER_H
 #define QUOREL_CONFIGMANAGER_CONFIG_FILE_MANAGER_H
