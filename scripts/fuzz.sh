@@ -18,7 +18,7 @@ if ! [[ $seconds =~ ^[0-9]+$ ]] || [ "$seconds" -eq 0 ]; then
     echo "usage: scripts/fuzz.sh [seconds] [target...]" >&2
     exit 2
 fi
-all_targets=(fuzz_base64 fuzz_store_load fuzz_store_queries fuzz_dbus_message fuzz_adapter_shadow fuzz_shadow_cloud
+all_targets=(fuzz_base64 fuzz_store_load fuzz_store_queries fuzz_json_text fuzz_dbus_message fuzz_adapter_shadow fuzz_shadow_cloud
              fuzz_cmctl_document)
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || targets=("${all_targets[@]}")

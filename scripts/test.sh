@@ -49,4 +49,4 @@ if [ $tsan -eq 1 ]; then
 fi
 
 echo "== fuzz targets =="
-bash scripts/fuzz.sh 5
+bash scripts/fuzz.sh 4

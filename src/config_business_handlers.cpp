@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "config_business_codes.h"
+#include "json_text.h"
 #include "quorel/configmanager/config_business.h"
 #include "quorel/configmanager/limits.h"
 #include "quorel/log/log.h"
@@ -121,8 +122,14 @@ void CConfigBusiness::handle_get(DBus::CDBusMethodCall& request, DBus::CDBusMeth
     if (request.get_string(key)) code = m_file_manager.get_config(key, text) ? kOk : kNotFound;
     QLOG(1, "handle_get, key:%s, code: %d", key.c_str(), code);
     std::string value = text;
+    std::string data;
+    uint64_t ts = 0;
     Json::Value parsed;
-    if (code == kOk && parse_json(text, parsed) && is_envelope(parsed)) value = data_as_text(parsed["data"]);
+    if (code == kOk && read_plain_envelope(text, data, ts)) {
+        value.swap(data);
+    } else if (code == kOk && parse_json(text, parsed) && is_envelope(parsed)) {
+        value = data_as_text(parsed["data"]);
+    }
     if (!answerable(value)) {
         QLOG(3, "handle_get, key:%s, value is no UTF-8 text within %zu bytes.", key.c_str(), Limits::kMaxReplyBytes);
         code = kNotFound;
@@ -182,7 +189,7 @@ void CConfigBusiness::handle_get_key(DBus::CDBusMethodCall& request, DBus::CDBus
         code = kNotFound;
         result.clear();
     }
-    QLOG(1, "handle_get_key, key:%s, %s:%s", key.c_str(), result_label, result.c_str());
+    QLOG(1, "handle_get_key, key:%s, %s:%.*s", key.c_str(), result_label, LOG_MESSAGE_MAX, result.c_str());
     reply.set_int32(code);
     reply.set_string(result);
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "config_business_codes.h"
+#include "json_text.h"
 #include "quorel/configmanager/config_business.h"
 #include "quorel/configmanager/limits.h"
 #include "quorel/log/log.h"
@@ -101,7 +102,7 @@ void CConfigBusiness::load_subscribe_map() {
     Platform::CMutexGuard guard(m_subscribe_mutex);
     m_subscribe = Json::Value();
     m_file_manager.get_metadata(kMetadataName, m_subscribe);
-    QLOG(1, "start, subscribe rules:%s.", m_subscribe.toStyledString().c_str());
+    QLOG(1, "start, subscribe rules:%s.", styled_head(m_subscribe, LOG_MESSAGE_MAX).c_str());
     m_subscribe_entries = count_entries(m_subscribe);
 }
 

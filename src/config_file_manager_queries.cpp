@@ -3,6 +3,7 @@
 #include <functional>
 
 #include "config_file_manager_internal.h"
+#include "json_text.h"
 #include "key_pattern.h"
 #include "quorel/configmanager/base64.h"
 #include "quorel/configmanager/config_file_manager.h"
@@ -36,8 +37,12 @@ CWalkEnd for_each_match(Json::Value& doc, const std::string& pattern, const char
     if (!doc.isNull() && !doc.isObject()) return CWalkEnd::kDone;
     const Json::Value& config = doc["config"];
     if (!config.isObject()) return CWalkEnd::kDone;
+    // One buffer for every key name: most names are longer than a short string holds inline.
+    std::string key;
     for (auto it = config.begin(); it != config.end(); ++it) {
-        const std::string key = it.name();
+        const char* name_end = nullptr;
+        const char* name = it.memberName(&name_end);
+        key.assign(name, name_end);
         if (!matcher.matches(key)) {
             if (matcher.over_budget()) {
                 log_print(3, "color", "tag", kLogFile, function, __LINE__,
@@ -69,8 +74,21 @@ struct CValueView {
 CValueView view_value(Json::Reader& reader, const Json::Value& encoded, bool with_ts) {
     CValueView view;
     // A stored member of another type than string is written back as it is, but has no value text.
-    if (encoded.isString()) base64_decode(encoded.asString(), view.value);
+    if (encoded.isString()) {
+        const char* begin = nullptr;
+        const char* end = nullptr;
+        encoded.getString(&begin, &end);
+        base64_decode(std::string(begin, end), view.value);
+    }
     if (!may_hold_object(view.value)) return view;
+    // What set_config_with_ts stores, read without building a value tree.
+    std::string data;
+    uint64_t ts = 0;
+    if (read_plain_envelope(view.value, data, ts)) {
+        view.value.swap(data);
+        if (with_ts) view.ts = ts;
+        return view;
+    }
     Json::Value parsed;
     try {
         if (!reader.parse(view.value, parsed, true)) return view;
@@ -83,14 +101,6 @@ CValueView view_value(Json::Reader& reader, const Json::Value& encoded, bool wit
     return view;
 }
 
-// The JSON library's quoting, as its compact writer does it. Its plain quoting function stops at
-// a NUL byte; the rare text holding one goes through the writer itself.
-std::string quoted(const std::string& text) {
-    if (text.find('\0') == std::string::npos) return Json::valueToQuotedString(text.c_str());
-    std::string written = Json::FastWriter().write(Json::Value(text));
-    written.pop_back();
-    return written;
-}
 #pragma GCC diagnostic pop
 
 // Builds a query result directly as the compact writer's text (elements separated by commas,
@@ -129,7 +139,8 @@ bool finish_query(CResultArray& result, CWalkEnd end, const std::string& pattern
         return false;
     }
     out = result.finish();
-    log_print(result_level, "color", "tag", kLogFile, function, __LINE__, "arrayObj: %s", out.c_str());
+    log_print(result_level, "color", "tag", kLogFile, function, __LINE__, "arrayObj: %.*s", LOG_MESSAGE_MAX,
+              out.c_str());
     return true;
 }
 
@@ -212,8 +223,12 @@ bool CConfigFileManagerFullamount::get_config_batch(const std::string& name, std
     const CWalkEnd end =
         for_each_match(m_config_json, name, __func__, [&](const std::string& key, const Json::Value& encoded) {
             const CValueView view = view_value(reader, encoded, false);
-            result.next().append("{\"key\":").append(quoted(key)).append(",\"value\":").append(quoted(view.value)) +=
-                '}';
+            std::string& text = result.next();
+            text += "{\"key\":";
+            append_quoted(text, key.data(), key.size());
+            text += ",\"value\":";
+            append_quoted(text, view.value.data(), view.value.size());
+            text += '}';
             return result.fits();
         });
     return finish_query(result, end, name, __func__, 0, out);
@@ -226,13 +241,14 @@ bool CConfigFileManagerFullamount::get_config_batch_with_ts(const std::string& n
     const CWalkEnd end =
         for_each_match(m_config_json, name, __func__, [&](const std::string& key, const Json::Value& encoded) {
             const CValueView view = view_value(reader, encoded, true);
-            result.next()
-                .append("{\"key\":")
-                .append(quoted(key))
-                .append(",\"ts\":")
-                .append(std::to_string(view.ts))
-                .append(",\"value\":")
-                .append(quoted(view.value)) += '}';
+            std::string& text = result.next();
+            text += "{\"key\":";
+            append_quoted(text, key.data(), key.size());
+            text += ",\"ts\":";
+            text += std::to_string(view.ts);
+            text += ",\"value\":";
+            append_quoted(text, view.value.data(), view.value.size());
+            text += '}';
             return result.fits();
         });
     return finish_query(result, end, name, __func__, 0, out);
@@ -244,7 +260,7 @@ bool CConfigFileManagerFullamount::get_config_keylist(const std::string& name, s
     CResultArray result;
     const CWalkEnd end =
         for_each_match(m_config_json, name, __func__, [&result](const std::string& key, const Json::Value&) {
-            result.next() += quoted(key);
+            append_quoted(result.next(), key.data(), key.size());
             return result.fits();
         });
     return finish_query(result, end, name, __func__, 1, out);

@@ -1,0 +1,64 @@
+// The store's fast paths for JSON text must give exactly what the JSON library gives, or clients
+// would see other answers than they always have. Each input is checked against the library:
+// read_plain_envelope against the lenient reader the queries use, append_quoted against the
+// compact writer, and styled_head against the head of the full styled text, at a limit taken from
+// the input's first byte.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "fuzz_support.h"
+#include "json_text.h"
+
+namespace {
+
+using namespace Quorel::Iot::Configmanager;
+
+[[noreturn]] void fail(const char* what, const std::string& input) { Quorel::Iot::Fuzz::fail(what, input); }
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+void check_envelope(const std::string& input) {
+    std::string data;
+    uint64_t ts = 0;
+    if (!read_plain_envelope(input, data, ts)) return;
+    Json::Reader reader;
+    Json::Value parsed;
+    if (!reader.parse(input, parsed, true) || !parsed.isObject()) fail("read an envelope the reader refuses", input);
+    if (!parsed["data"].isString() || parsed["data"].asString() != data) fail("read another data", input);
+    if (!parsed["ts"].isIntegral() || parsed["ts"].asUInt64() != ts) fail("read another ts", input);
+}
+
+void check_quoted(const std::string& input) {
+    std::string quoted;
+    append_quoted(quoted, input.data(), input.size());
+    std::string written = Json::FastWriter().write(Json::Value(input));
+    written.pop_back();
+    if (quoted != written) fail("quoted differently", input);
+}
+#pragma GCC diagnostic pop
+
+void check_styled_head(const std::string& input) {
+    if (input.empty()) return;
+    const size_t limit = static_cast<unsigned char>(input[0]) * 8;
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value doc;
+    std::string errors;
+    try {
+        if (!reader->parse(input.data() + 1, input.data() + input.size(), &doc, &errors)) return;
+    } catch (const std::exception&) {
+        return;
+    }
+    if (styled_head(doc, limit) != doc.toStyledString().substr(0, limit)) fail("rendered another head", input);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string input(reinterpret_cast<const char*>(data), size);
+    check_envelope(input);
+    check_quoted(input);
+    check_styled_head(input);
+    return 0;
+}
