@@ -1,5 +1,7 @@
 #include "quorel/configmanager/base64.h"
 
+#include <string.h>
+
 #include <memory>
 #include <new>
 
@@ -28,26 +30,29 @@ inline void encode_group(const unsigned char (&in)[3], char (&out)[4]) {
     out[3] = kAlphabet[in[2] & 63];
 }
 
+// The value of every byte as a base64 digit, -1 outside the alphabet: a table, because every
+// value the store serves is decoded on the way out.
+struct CDigitTable {
+    signed char value[256];
+    constexpr CDigitTable() : value() {
+        for (int i = 0; i < 256; ++i) value[i] = -1;
+        for (int i = 0; i < 64; ++i) value[static_cast<unsigned char>(kAlphabet[i])] = static_cast<signed char>(i);
+    }
+};
+constexpr CDigitTable kDigits;
+
 // Bytes that base64_decode_block writes for src: it stops at the first "=", so a text with extra
 // padding ("ZZZZ====") yields more than base64_decoded_length predicts; the buffer must hold both.
-int64_t decoded_bytes_written(const std::string& src) {
-    const size_t end = src.find('=');
-    const size_t n = end == std::string::npos ? src.size() : end;
+int64_t decoded_bytes_written(const char* src, size_t length) {
+    const void* equals = memchr(src, '=', length);
+    const size_t n = equals == nullptr ? length : static_cast<size_t>(static_cast<const char*>(equals) - src);
     const size_t rest = n % 4;
     return static_cast<int64_t>(n / 4 * 3 + (rest > 1 ? rest - 1 : 0));
 }
 
 }  // namespace
 
-int base64_char_value(char ch) {
-    const signed char c = static_cast<signed char>(ch);
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    if (c == '+') return 62;
-    if (c == '/') return 63;
-    return -1;
-}
+int base64_char_value(char ch) { return kDigits.value[static_cast<unsigned char>(ch)]; }
 
 int32_t base64_encoded_length(uint32_t length) {
     // Unsigned arithmetic wraps where the 32-bit signed original would overflow; the result is the
@@ -113,14 +118,17 @@ void base64_encode(const std::string& in, std::string& out) {
     out.assign(buffer.get());
 }
 
-void base64_decode(const std::string& in, std::string& out) {
-    int64_t size = static_cast<int64_t>(base64_decoded_length(in.data(), static_cast<uint32_t>(in.size()))) + 1;
+void base64_decode(const std::string& in, std::string& out) { base64_decode(in.data(), in.size(), out); }
+
+void base64_decode(const char* in, size_t length, std::string& out) {
+    int64_t size = static_cast<int64_t>(base64_decoded_length(in, static_cast<uint32_t>(length))) + 1;
     if (size <= 0) return;
-    const int64_t needed = decoded_bytes_written(in) + 1;
+    const int64_t needed = decoded_bytes_written(in, length) + 1;
     if (needed > size) size = needed;
-    std::unique_ptr<unsigned char[]> buffer(new unsigned char[static_cast<size_t>(size)]());
-    base64_decode_block(buffer.get(), in.data(), static_cast<uint32_t>(in.size()));
-    out.assign(reinterpret_cast<const char*>(buffer.get()));
+    // Decoded in place into out, then cut at the first NUL, as the text the store serves.
+    out.assign(static_cast<size_t>(size), '\0');
+    base64_decode_block(reinterpret_cast<unsigned char*>(&out[0]), in, static_cast<uint32_t>(length));
+    out.resize(strlen(out.c_str()));
 }
 
 }  // namespace Configmanager

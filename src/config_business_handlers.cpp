@@ -2,6 +2,7 @@
 // the value envelope of set_config_with_ts.
 #include <dbus/dbus.h>
 #include <json/json.h>
+#include <string.h>
 #include <time.h>
 
 #include <exception>
@@ -105,10 +106,25 @@ bool parse_json(const std::string& text, Json::Value& out) {
 
 bool is_envelope(const Json::Value& parsed) { return parsed.isObject() && !parsed.empty() && parsed.isMember("data"); }
 
+// ASCII text is UTF-8, and query results are ASCII (the JSON writer escapes everything else): a
+// check eight bytes at a time spares most answers libdbus's slower validation.
+bool is_ascii(const std::string& text) {
+    const char* p = text.data();
+    size_t left = text.size();
+    uint64_t high = 0;
+    for (; left >= sizeof(uint64_t); left -= sizeof(uint64_t), p += sizeof(uint64_t)) {
+        uint64_t word;
+        memcpy(&word, p, sizeof(word));
+        high |= word;
+    }
+    for (; left > 0; --left, ++p) high |= static_cast<unsigned char>(*p);
+    return (high & 0x8080808080808080ull) == 0;
+}
+
 // What a get-family answer may carry: libdbus ends the process on text that is not UTF-8, and the
 // bus daemon drops a connection whose message is over its size limit.
 bool answerable(const std::string& text) {
-    return text.size() <= Limits::kMaxReplyBytes && dbus_validate_utf8(text.c_str(), nullptr);
+    return text.size() <= Limits::kMaxReplyBytes && (is_ascii(text) || dbus_validate_utf8(text.c_str(), nullptr));
 }
 
 }  // namespace

@@ -78,7 +78,10 @@ bool lookup_config_value(const Json::Value& doc, const std::string& key, std::st
         log_print(3, "color", "tag", kLogFile, texts.function, __LINE__, texts.bad_member, key.c_str());
         return false;
     }
-    base64_decode(member->asString(), value);
+    const char* begin = nullptr;
+    const char* end = nullptr;
+    member->getString(&begin, &end);
+    base64_decode(begin, static_cast<size_t>(end - begin), value);
     return true;
 }
 

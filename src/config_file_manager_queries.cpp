@@ -78,7 +78,7 @@ CValueView view_value(Json::Reader& reader, const Json::Value& encoded, bool wit
         const char* begin = nullptr;
         const char* end = nullptr;
         encoded.getString(&begin, &end);
-        base64_decode(std::string(begin, end), view.value);
+        base64_decode(begin, static_cast<size_t>(end - begin), view.value);
     }
     if (!may_hold_object(view.value)) return view;
     // What set_config_with_ts stores, read without building a value tree.

@@ -102,6 +102,7 @@ private:
     int64_t m_budget_ns;
     int64_t m_spent_ns = 0;
     bool m_over_budget = false;
+    bool m_any_byte = false;  // the pattern matches every key with a first byte
 };
 
 }  // namespace Configmanager

@@ -340,6 +340,21 @@ TEST(AKeyPattern, AnswersAsTheCLibraryUnderAMultibyteLocale) {
     }
 }
 
+TEST(AKeyPattern, MatchesEveryKeyWithAFirstByteForADotAsTheCLibraryDoesInEitherLocale) {
+    const std::vector<std::string> keys = {"", "a", "\n", "\xff", "\xc3\xa9", std::string("\0b", 2), "bench.key.1"};
+    auto compare = [&keys](const char* where) {
+        CRawRegex raw(".");
+        CKeyPattern key_pattern(".");
+        for (const std::string& key : keys) {
+            EXPECT_EQ(key_pattern.matches(key), raw.matches(key)) << where << ": \"" << key << "\"";
+        }
+    };
+    compare("C locale");
+    CCtypeLocale utf8("C.UTF-8");
+    if (!utf8.set()) GTEST_SKIP() << "no C.UTF-8 locale";
+    compare("C.UTF-8");
+}
+
 TEST(AKeyPattern, RefusesEachKnownKillerQuicklyWithAReason) {
     const struct {
         const char* pattern;

@@ -1,6 +1,7 @@
 #include "quorel/dbus/dbus_internal_handle.h"
 
 #include <poll.h>
+#include <time.h>
 
 #include <exception>
 #include <utility>
@@ -15,6 +16,15 @@ namespace Iot {
 namespace DBus {
 
 namespace {
+
+// The reader looks at the time on every pass, that is for every message: the coarse monotonic
+// clock is read without a system call, where the tick's times(2) is one. Watchdog intervals are
+// seconds; its few milliseconds of coarseness do not matter.
+uint64_t loop_clock_ms() {
+    struct timespec ts = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
+}
 constexpr const char kLogFile[] = "core-services/config-manager/base/dbus/src/dbus_internal_handle.cpp";
 constexpr const char kThreadName[] = "DBus_handle_thread";
 constexpr uint32_t kThreadPriority = 64;
@@ -276,7 +286,7 @@ void CDBusInternalHandle::threadProc() {
         Platform::CMutexGuard guard(m_connection_mutex);
         connection = m_connection.get();
     }
-    uint64_t last_feed = Platform::tick_ms();
+    uint64_t last_feed = loop_clock_ms();
     // The service manager's watchdog is fed from this same loop, next to the gateway's, so that a
     // reader that hangs stops both.
     const uint64_t manager_ping_ms = Platform::watchdog_ping_interval_ms();
@@ -284,8 +294,8 @@ void CDBusInternalHandle::threadProc() {
     while (is_running()) {
         feed_dog_if_due(last_feed);
         if (manager_ping_ms > 0 && m_watchdog_interval.load(std::memory_order_acquire) > 0 &&
-            Platform::tick_ms() - last_manager_ping >= manager_ping_ms) {
-            last_manager_ping = Platform::tick_ms();
+            loop_clock_ms() - last_manager_ping >= manager_ping_ms) {
+            last_manager_ping = loop_clock_ms();
             Platform::notify_watchdog();
         }
         wait_for_traffic(connection, kReadTimeoutMs);
@@ -407,7 +417,7 @@ void CDBusInternalHandle::handle_return_method(DBusMessage* message) {
 void CDBusInternalHandle::feed_dog_if_due(uint64_t& last_feed) {
     const int32_t interval = m_watchdog_interval.load(std::memory_order_acquire);
     if (interval <= 0) return;
-    const uint64_t now = Platform::tick_ms();
+    const uint64_t now = loop_clock_ms();
     if ((now - last_feed) / 1000 <= static_cast<uint64_t>(interval)) return;
     std::string path;
     std::string id;

@@ -15,6 +15,7 @@
 #include <mutex>
 
 #include "log_crash.h"
+#include "log_format.h"
 #include "log_writer.h"
 
 using Quorel::Iot::Log::CLogWriter;
@@ -166,7 +167,7 @@ extern "C" void log_print(int level, const char*, const char*, const char* file,
     char* message = record + kMaxPrefix;
     va_list args;
     va_start(args, format);
-    const int n = vsnprintf(message, kMaxMessage, format, args);
+    const int n = Quorel::Iot::Log::log_format(message, kMaxMessage, format, args);
     va_end(args);
     if (n < 0) message[0] = '\0';
     const size_t message_length = n < 0 ? 0 : (static_cast<size_t>(n) < kMaxMessage ? n : kMaxMessage - 1);

@@ -14,6 +14,7 @@ namespace Configmanager {
 
 void base64_encode(const std::string& in, std::string& out);
 void base64_decode(const std::string& in, std::string& out);
+void base64_decode(const char* in, size_t length, std::string& out);
 int32_t base64_encode_block(char* dst, const unsigned char* src, uint32_t length);
 int32_t base64_decode_block(unsigned char* dst, const char* src, uint32_t length);
 int32_t base64_encoded_length(uint32_t length);
