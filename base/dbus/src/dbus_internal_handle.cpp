@@ -286,6 +286,8 @@ void CDBusInternalHandle::threadProc() {
         Platform::CMutexGuard guard(m_connection_mutex);
         connection = m_connection.get();
     }
+    dbus_connection_set_watch_functions(connection, &CDBusInternalHandle::add_watch, &CDBusInternalHandle::remove_watch,
+                                        nullptr, this, nullptr);
     uint64_t last_feed = loop_clock_ms();
     // The service manager's watchdog is fed from this same loop, next to the gateway's, so that a
     // reader that hangs stops both.
@@ -298,8 +300,16 @@ void CDBusInternalHandle::threadProc() {
             last_manager_ping = loop_clock_ms();
             Platform::notify_watchdog();
         }
-        wait_for_traffic(connection, kReadTimeoutMs);
-        const dbus_bool_t bret = dbus_connection_read_write(connection, 0);
+        const short revents = wait_for_traffic(connection, kReadTimeoutMs);
+        DBusWatch* read_watch = m_read_watch.load(std::memory_order_acquire);
+        dbus_bool_t bret = TRUE;
+        if (revents == POLLIN && read_watch != nullptr) {
+            // Only readable: read now. Anything else (a hang-up, an error, pending output, no
+            // poll at all) goes through read_write, which also tells a lost connection.
+            dbus_watch_handle(read_watch, DBUS_WATCH_READABLE);
+        } else {
+            bret = dbus_connection_read_write(connection, 0);
+        }
         if (!bret) {
             QLOG(1, "threadProc, dbus_connection_read_write bret:%d.", static_cast<int>(bret));
             m_server->message_error(-1);
@@ -321,22 +331,36 @@ void CDBusInternalHandle::threadProc() {
     // Asked to stop (disconnect, or stop_reading, which keeps the connection for last replies):
     // the flag belongs to the caller. Otherwise the connection is lost or dropped.
     if (is_running()) m_connected.store(false, std::memory_order_release);
+    // The watches go back to libdbus: remove_watch runs for each before this returns.
+    dbus_connection_set_watch_functions(connection, nullptr, nullptr, nullptr, nullptr, nullptr);
     QLOG(1, "threadProc, dbus end loop read message.");
+}
+
+dbus_bool_t CDBusInternalHandle::add_watch(DBusWatch* watch, void* data) {
+    if ((dbus_watch_get_flags(watch) & DBUS_WATCH_READABLE) != 0) {
+        static_cast<CDBusInternalHandle*>(data)->m_read_watch.store(watch, std::memory_order_release);
+    }
+    return TRUE;
+}
+
+void CDBusInternalHandle::remove_watch(DBusWatch* watch, void* data) {
+    DBusWatch* expected = watch;
+    static_cast<CDBusInternalHandle*>(data)->m_read_watch.compare_exchange_strong(expected, nullptr);
 }
 
 // The reader waits in its own poll rather than inside libdbus: while libdbus blocks in a read it
 // holds the connection's I/O path, and a message that another thread sends meanwhile (a blocking
 // call, a reply, a notification) would sit in the outgoing queue until that read timed out.
-void CDBusInternalHandle::wait_for_traffic(DBusConnection* connection, int timeout_ms) {
-    if (dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_DATA_REMAINS) return;
+short CDBusInternalHandle::wait_for_traffic(DBusConnection* connection, int timeout_ms) {
+    if (dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_DATA_REMAINS) return 0;
     int fd = -1;
-    if (!dbus_connection_get_socket(connection, &fd) || fd < 0) return;
+    if (!dbus_connection_get_socket(connection, &fd) || fd < 0) return 0;
     pollfd entry{};
     entry.fd = fd;
     entry.events = POLLIN;
     // What a sender could not write at once is written by this thread as soon as the socket takes it.
     if (dbus_connection_has_messages_to_send(connection)) entry.events |= POLLOUT;
-    poll(&entry, 1, timeout_ms);
+    return poll(&entry, 1, timeout_ms) == 1 ? entry.revents : 0;
 }
 
 bool CDBusInternalHandle::dispatch(DBusMessage* message) {

@@ -86,7 +86,13 @@ private:
 
     // Reader thread only.
     // False for a message type that has no handler.
-    static void wait_for_traffic(DBusConnection* connection, int timeout_ms);
+    // Waits until the socket has something to read (or to write, when libdbus holds unsent data);
+    // the poll's revents, 0 when it did not poll because messages already wait to be popped.
+    static short wait_for_traffic(DBusConnection* connection, int timeout_ms);
+    // libdbus's watch callbacks: they keep the connection's read watch, so that a socket found
+    // readable is read at once, without the second poll dbus_connection_read_write makes.
+    static dbus_bool_t add_watch(DBusWatch* watch, void* data);
+    static void remove_watch(DBusWatch* watch, void* data);
     bool dispatch(DBusMessage* message);
     void handle_method_call(DBusMessage* message);
     void handle_signal(DBusMessage* message);
@@ -107,6 +113,9 @@ private:
     std::atomic<bool> m_connected{false};
     // False once stop_reading ended the reader: nobody else flushes what is sent then.
     std::atomic<bool> m_reading{false};
+    // The connection's read watch while the reader runs; set and cleared by libdbus (add_watch,
+    // remove_watch) under its connection lock.
+    std::atomic<DBusWatch*> m_read_watch{nullptr};
 
     // The pointer changes only while the reader is not running (connect_to_bus before starting
     // it, disconnect after stopping it), so the reader keeps a plain copy; every other sender
