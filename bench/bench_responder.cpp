@@ -1,7 +1,9 @@
 #include "bench_responder.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "bench_bus.h"
 
@@ -14,6 +16,22 @@ const char kObserverMode[] = "--observer";
 
 namespace {
 
+// What the service does for a set with observers, and nothing more: one no-reply notify_config
+// call to each observer with the key and value.
+void notify(DBusConnection* connection, DBusMessage* request, const std::vector<std::string>& observers) {
+    const char* key = nullptr;
+    const char* value = nullptr;
+    if (!dbus_message_get_args(request, nullptr, DBUS_TYPE_STRING, &key, DBUS_TYPE_STRING, &value, DBUS_TYPE_INVALID)) {
+        return;
+    }
+    for (const std::string& observer : observers) {
+        CMessage call = make_call(subscriber_target(observer), "notify_config", {key, value});
+        if (!call) continue;
+        dbus_message_set_no_reply(call.get(), TRUE);
+        dbus_connection_send(connection, call.get(), nullptr);
+    }
+}
+
 CMessage answer(DBusMessage* request, bool echo, const std::string& value, dbus_int32_t& notified) {
     CMessage reply(dbus_message_new_method_return(request));
     if (!reply) return nullptr;
@@ -23,6 +41,8 @@ CMessage answer(DBusMessage* request, bool echo, const std::string& value, dbus_
     if (echo && strcmp(member, "get_config") == 0) {
         const char* raw = value.c_str();
         dbus_message_append_args(reply.get(), DBUS_TYPE_INT32, &code, DBUS_TYPE_STRING, &raw, DBUS_TYPE_INVALID);
+    } else if (echo && strcmp(member, "set_config") == 0) {
+        dbus_message_append_args(reply.get(), DBUS_TYPE_INT32, &code, DBUS_TYPE_INVALID);
     } else if (!echo && strcmp(member, "notify_config") == 0) {
         ++notified;
         dbus_message_append_args(reply.get(), DBUS_TYPE_INT32, &code, DBUS_TYPE_INVALID);
@@ -41,6 +61,7 @@ int run_responder(int argc, char** argv) {
     }
     const bool echo = strcmp(argv[0], kEchoMode) == 0;
     const std::string value = argc > 3 ? argv[3] : "";
+    const std::vector<std::string> observers(argv + std::min(argc, 4), argv + argc);
     std::string error;
     CConnection connection = open_connection(argv[1], argv[2], error);
     if (!connection) {
@@ -54,6 +75,10 @@ int run_responder(int argc, char** argv) {
     while (dbus_connection_read_write(connection.get(), -1)) {
         while (CMessage request{dbus_connection_pop_message(connection.get())}) {
             if (dbus_message_get_type(request.get()) != DBUS_MESSAGE_TYPE_METHOD_CALL) continue;
+            const char* member = dbus_message_get_member(request.get());
+            if (echo && !observers.empty() && member != nullptr && strcmp(member, "set_config") == 0) {
+                notify(connection.get(), request.get(), observers);
+            }
             CMessage reply = answer(request.get(), echo, value, notified);
             if (reply && !dbus_message_get_no_reply(request.get())) {
                 dbus_connection_send(connection.get(), reply.get(), nullptr);

@@ -17,6 +17,7 @@ const unsigned kInFlight = 64;
 const unsigned kObservers = 4;
 const uint64_t kBurstCalls = 1000;
 const char kEchoName[] = "bench.echo";
+const char kNotifyingEchoName[] = "bench.echo.notifying";
 const char kFreeKey[] = "bench.free";
 const char kObservedKey[] = "bench.observed";
 const char kBurstKey[] = "bench.burst";
@@ -66,6 +67,11 @@ CCallFactory CBenchRun::echo_get() const {
     return [echo] { return make_call(echo, "get_config", {key_name(kProbeKey)}); };
 }
 
+CCallFactory CBenchRun::echo_set(const std::string& echo_name) {
+    const CTarget echo = subscriber_target(echo_name);
+    return [this, echo] { return make_call(echo, "set_config", {kFreeKey, "v" + std::to_string(++m_set_counter)}); };
+}
+
 CCallFactory CBenchRun::service_get() const {
     return [] { return make_call(config_manager_target(), "get_config", {key_name(kProbeKey)}); };
 }
@@ -105,6 +111,9 @@ bool CBenchRun::prepare_round_trips() {
         m_observers.push_back(std::make_unique<CChildProcess>());
         if (!start_responder(*m_observers.back(), {kObserverMode, m_address, m_observer_names.back()})) return false;
     }
+    std::vector<std::string> notifying = {kEchoMode, m_address, kNotifyingEchoName, key_value(kProbeKey)};
+    notifying.insert(notifying.end(), m_observer_names.begin(), m_observer_names.end());
+    if (!start_responder(m_notifying_echo, notifying)) return false;
     m_client = open_connection(m_address, "", error);
     if (!m_client) {
         m_report.problem(error);
@@ -133,6 +142,9 @@ void CBenchRun::measure_round_trips() {
     const uint64_t writes_before = m_writes.writes();
     const CPair<CRoundTrips> set = run_sequential_pair(client, echo_get(), service_set(kFreeKey), m_plan, kRounds);
     const uint64_t set_writes = m_writes.writes() - writes_before;
+    // The same against an echo of the same call: what the bus itself costs for a set's message.
+    const CPair<CRoundTrips> set_like =
+        run_sequential_pair(client, echo_set(kEchoName), service_set(kFreeKey), m_plan, kRounds);
 
     m_report.figure("baseline_sequential", "baseline get_config, sequential", get.baseline.calls_per_second, "calls/s",
                     latency_detail(get.baseline));
@@ -143,6 +155,8 @@ void CBenchRun::measure_round_trips() {
                     ", " + std::to_string(set_writes) + " keychain writes");
     m_report.target("set_config_sequential", describe(kSetSequentialTarget, "baseline"),
                     met(kSetSequentialTarget, set));
+    add_round_trips("set_config_vs_echo_set", "set_config vs an echo of set_config", set_like,
+                    " (the echo answers the same call)");
     m_report.figure("baseline_pipelined", "baseline get_config, 64 in flight", piped.baseline.calls_per_second,
                     "calls/s");
     m_report.figure("get_config_pipelined", "get_config, 64 in flight", piped.measured.calls_per_second, "calls/s",
@@ -214,6 +228,11 @@ void CBenchRun::measure_observed_sets() {
                     ", each observer notified " + std::to_string(least) + "/" + std::to_string(expected));
     m_report.target("set_config_observed_sequential", describe(kSetObservedTarget, "baseline"),
                     met(kSetObservedTarget, pair));
+    // The bus's own cost of the pattern: an echo that sends the same four notifications first.
+    const CPair<CRoundTrips> like =
+        run_sequential_pair(m_client.get(), echo_set(kNotifyingEchoName), service_set(kObservedKey), m_plan, kRounds);
+    add_round_trips("set_config_observed_vs_notifying_echo", "set_config, 4 observers vs an echo notifying 4", like,
+                    " (the echo notifies the same observers, then answers)");
     Json::Value& details = m_report.details()["round_trips"]["set_config_observed_sequential"];
     details["observers"] = kObservers;
     details["notifications_expected"] = expected;
@@ -276,6 +295,7 @@ int CBenchRun::run() {
     m_client.reset();
     m_writes.stop();
     m_echo.stop();
+    m_notifying_echo.stop();
     m_observers.clear();
     measure_scaling();
     note_machine_load(load_before, load_average());

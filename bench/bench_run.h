@@ -60,6 +60,7 @@ private:
 
     CCallFactory echo_get() const;
     CCallFactory service_get() const;
+    CCallFactory echo_set(const std::string& echo_name);
     CCallFactory service_set(const std::string& key);
     bool start_responder(CChildProcess& child, const std::vector<std::string>& args);
 
@@ -72,6 +73,7 @@ private:
     CKeychainWriteCounter m_writes;
     CConnection m_client;
     CChildProcess m_echo;
+    CChildProcess m_notifying_echo;  // an echo that notifies the observers of each set first
     std::vector<std::unique_ptr<CChildProcess>> m_observers;
     std::vector<std::string> m_observer_names;
     uint64_t m_set_counter = 0;
