@@ -112,10 +112,11 @@ int32_t base64_decode_block(unsigned char* dst, const char* src, uint32_t length
 void base64_encode(const std::string& in, std::string& out) {
     const int64_t size = static_cast<int64_t>(base64_encoded_length(static_cast<uint32_t>(in.size()))) + 1;
     if (size <= 0) return;
-    std::unique_ptr<char[]> buffer(new char[static_cast<size_t>(size)]());
-    base64_encode_block(buffer.get(), reinterpret_cast<const unsigned char*>(in.data()),
-                        static_cast<uint32_t>(in.size()));
-    out.assign(buffer.get());
+    // Encoded in place into out; the text holds no NUL, so its length is what was written.
+    out.assign(static_cast<size_t>(size), '\0');
+    const int32_t written = base64_encode_block(&out[0], reinterpret_cast<const unsigned char*>(in.data()),
+                                                static_cast<uint32_t>(in.size()));
+    out.resize(written > 0 ? static_cast<size_t>(written) : 0);
 }
 
 void base64_decode(const std::string& in, std::string& out) { base64_decode(in.data(), in.size(), out); }

@@ -137,13 +137,11 @@ void CConfigBusiness::handle_get(DBus::CDBusMethodCall& request, DBus::CDBusMeth
     std::string text;
     if (request.get_string(key)) code = m_file_manager.get_config(key, text) ? kOk : kNotFound;
     QLOG(1, "handle_get, key:%s, code: %d", key.c_str(), code);
-    std::string value = text;
-    std::string data;
+    // The answer is the stored text, or the data of the envelope it holds, made in place.
+    std::string& value = text;
     uint64_t ts = 0;
     Json::Value parsed;
-    if (code == kOk && read_plain_envelope(text, data, ts)) {
-        value.swap(data);
-    } else if (code == kOk && parse_json(text, parsed) && is_envelope(parsed)) {
+    if (code == kOk && !unwrap_plain_envelope(value, ts) && parse_json(value, parsed) && is_envelope(parsed)) {
         value = data_as_text(parsed["data"]);
     }
     if (!answerable(value)) {

@@ -82,10 +82,8 @@ CValueView view_value(Json::Reader& reader, const Json::Value& encoded, bool wit
     }
     if (!may_hold_object(view.value)) return view;
     // What set_config_with_ts stores, read without building a value tree.
-    std::string data;
     uint64_t ts = 0;
-    if (read_plain_envelope(view.value, data, ts)) {
-        view.value.swap(data);
+    if (unwrap_plain_envelope(view.value, ts)) {
         if (with_ts) view.ts = ts;
         return view;
     }
@@ -204,7 +202,12 @@ bool CConfigFileManagerFullamount::set_config(const std::string& key, const std:
                 QLOG(3, "set_config, store full, keys:%u, bytes:%zu, key:%s.", config.size(), bytes, key.c_str());
                 return false;
             }
-            config[key] = std::move(encoded);
+            if (old != nullptr) {
+                // Found above: replaced where it is, without a second lookup.
+                *const_cast<Json::Value*>(old) = Json::Value(encoded);
+            } else {
+                config[key] = std::move(encoded);
+            }
             m_config_bytes = new_bytes;
         }
     }

@@ -77,7 +77,33 @@ void append_quoted(std::string& out, const char* text, size_t length) {
     out += '"';
 }
 
+namespace {
+
+// Where an envelope's data begins and ends, and its ts; false for any other text.
+bool find_plain_envelope(const std::string& text, size_t& data_begin, size_t& data_end, uint64_t& ts);
+
+}  // namespace
+
 bool read_plain_envelope(const std::string& text, std::string& data, uint64_t& ts) {
+    size_t begin = 0;
+    size_t end = 0;
+    if (!find_plain_envelope(text, begin, end, ts)) return false;
+    data.assign(text, begin, end - begin);
+    return true;
+}
+
+bool unwrap_plain_envelope(std::string& text, uint64_t& ts) {
+    size_t begin = 0;
+    size_t end = 0;
+    if (!find_plain_envelope(text, begin, end, ts)) return false;
+    text.erase(end);
+    text.erase(0, begin);
+    return true;
+}
+
+namespace {
+
+bool find_plain_envelope(const std::string& text, size_t& data_begin, size_t& data_end, uint64_t& ts) {
     static const char kHead[] = "{\"data\":\"";
     static const char kMiddle[] = "\",\"ts\":";
     const size_t head = sizeof(kHead) - 1;
@@ -86,7 +112,7 @@ bool read_plain_envelope(const std::string& text, std::string& data, uint64_t& t
     size_t i = head;
     while (i < text.size() && plain_ascii(static_cast<unsigned char>(text[i]))) ++i;
     if (text.compare(i, middle, kMiddle) != 0) return false;
-    const size_t data_end = i;
+    const size_t data_stop = i;
     i += middle;
     // Up to 19 digits always fit an unsigned 64-bit number; a leading zero is read differently.
     const size_t digits_begin = i;
@@ -101,10 +127,13 @@ bool read_plain_envelope(const std::string& text, std::string& data, uint64_t& t
     ++i;
     if (i < text.size() && text[i] == '\n') ++i;
     if (i != text.size()) return false;
-    data.assign(text, head, data_end - head);
+    data_begin = head;
+    data_end = data_stop;
     ts = number;
     return true;
 }
+
+}  // namespace
 
 }  // namespace Configmanager
 }  // namespace Iot

@@ -25,6 +25,8 @@ void append_quoted(std::string& out, const char* text, size_t length);
 // newline, where TEXT needs no unescaping. True with data and ts as the library's reader reads
 // them; false for any other text, which the caller then parses.
 bool read_plain_envelope(const std::string& text, std::string& data, uint64_t& ts);
+// The same, replacing text by data in place on success (no allocation); text is untouched otherwise.
+bool unwrap_plain_envelope(std::string& text, uint64_t& ts);
 
 }  // namespace Configmanager
 }  // namespace Iot

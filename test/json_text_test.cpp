@@ -114,6 +114,11 @@ TEST(APlainEnvelope, IsReadAsTheLenientReaderReadsItAndAnythingElseIsLeftToTheRe
         std::string data = "untouched";
         uint64_t ts = 7;
         ASSERT_EQ(read_plain_envelope(c.text, data, ts), c.plain) << c.text;
+        std::string in_place = c.text;
+        uint64_t in_place_ts = 7;
+        ASSERT_EQ(unwrap_plain_envelope(in_place, in_place_ts), c.plain) << c.text;
+        EXPECT_EQ(in_place, c.plain ? data : c.text);
+        EXPECT_EQ(in_place_ts, ts);
         if (!c.plain) {
             EXPECT_EQ(data, "untouched");
             continue;

@@ -16,19 +16,11 @@ constexpr const char kLogFile[] = "core-services/config-manager/base/dbus/src/db
 std::string or_empty(const char* text) { return text != nullptr ? text : std::string(); }
 }  // namespace
 
-CDBusMessage::CDBusMessage(DBusMessage* message)
-    : m_message(nullptr), m_append_iter(std::make_unique<DBusMessageIter>()) {
-    attach(message);
-}
+CDBusMessage::CDBusMessage(DBusMessage* message) : m_message(nullptr) { attach(message); }
 
-CDBusMessage::CDBusMessage(int type) : m_message(nullptr), m_append_iter(std::make_unique<DBusMessageIter>()) {
-    adopt(dbus_message_new(type));
-}
+CDBusMessage::CDBusMessage(int type) : m_message(nullptr) { adopt(dbus_message_new(type)); }
 
-CDBusMessage::CDBusMessage(const CDBusMessage& other)
-    : m_message(nullptr), m_append_iter(std::make_unique<DBusMessageIter>()) {
-    attach(other.m_message);
-}
+CDBusMessage::CDBusMessage(const CDBusMessage& other) : m_message(nullptr) { attach(other.m_message); }
 
 CDBusMessage& CDBusMessage::operator=(const CDBusMessage& other) {
     if (other.m_message != m_message) {
@@ -57,11 +49,11 @@ void CDBusMessage::adopt(DBusMessage* message) {
 }
 
 void CDBusMessage::init_append() {
-    *m_append_iter = DBusMessageIter();
-    if (m_message != nullptr) dbus_message_iter_init_append(m_message, m_append_iter.get());
+    m_append_iter = DBusMessageIter();
+    if (m_message != nullptr) dbus_message_iter_init_append(m_message, &m_append_iter);
 }
 
-void CDBusMessage::reset_read() { m_read_iter.reset(); }
+void CDBusMessage::reset_read() { m_read_started = false; }
 
 int CDBusMessage::get_type() const {
     return m_message != nullptr ? dbus_message_get_type(m_message) : DBUS_MESSAGE_TYPE_INVALID;
@@ -95,25 +87,25 @@ uint32_t CDBusMessage::get_reply_serial() const {
 
 bool CDBusMessage::get_next_iter(int type) {
     if (m_message == nullptr) return false;
-    if (!m_read_iter) {
-        // The iterator is kept even when the message has no arguments, so the next read reports
-        // "has_next" rather than trying to initialise again.
-        m_read_iter = std::make_unique<DBusMessageIter>();
-        if (!dbus_message_iter_init(m_message, m_read_iter.get())) {
+    if (!m_read_started) {
+        // The iterator counts as started even when the message has no arguments, so the next read
+        // reports "has_next" rather than trying to initialise again.
+        m_read_started = true;
+        if (!dbus_message_iter_init(m_message, &m_read_iter)) {
             QLOG(3, "get_next_iter dbus_message_iter_init fail.");
             return false;
         }
     } else {
-        if (!dbus_message_iter_has_next(m_read_iter.get())) {
+        if (!dbus_message_iter_has_next(&m_read_iter)) {
             QLOG(3, "get_next_iter dbus_message_iter_has_next fail.");
             return false;
         }
-        if (!dbus_message_iter_next(m_read_iter.get())) {
+        if (!dbus_message_iter_next(&m_read_iter)) {
             QLOG(3, "get_next_iter dbus_message_iter_next fail.");
             return false;
         }
     }
-    if (dbus_message_iter_get_arg_type(m_read_iter.get()) != type) {
+    if (dbus_message_iter_get_arg_type(&m_read_iter) != type) {
         QLOG(3, "get_next_iter dbus_message_iter_get_arg_type fail.");
         return false;
     }
@@ -122,13 +114,13 @@ bool CDBusMessage::get_next_iter(int type) {
 
 bool CDBusMessage::read_basic(int type, void* value) {
     if (m_message == nullptr || !get_next_iter(type)) return false;
-    dbus_message_iter_get_basic(m_read_iter.get(), value);
+    dbus_message_iter_get_basic(&m_read_iter, value);
     return true;
 }
 
 bool CDBusMessage::append_basic(int type, const void* value) {
     if (m_message == nullptr) return false;
-    return dbus_message_iter_append_basic(m_append_iter.get(), type, value);
+    return dbus_message_iter_append_basic(&m_append_iter, type, value);
 }
 
 bool CDBusMessage::get_string(std::string& value) {
@@ -155,7 +147,7 @@ bool CDBusMessage::get_uint64(uint64_t& value) {
 bool CDBusMessage::get_array(uint8_t*& data, int32_t& length) {
     if (m_message == nullptr || !get_next_iter(DBUS_TYPE_ARRAY)) return false;
     DBusMessageIter elements;
-    dbus_message_iter_recurse(m_read_iter.get(), &elements);
+    dbus_message_iter_recurse(&m_read_iter, &elements);
     const void* items = nullptr;
     int count = 0;
     // Only fixed-size element types are readable; libdbus leaves items null for any other, and
@@ -200,17 +192,17 @@ bool CDBusMessage::set_uint64(uint64_t value) {
 bool CDBusMessage::set_array(const uint8_t* data, uint32_t length) {
     if (m_message == nullptr) return false;
     DBusMessageIter elements;
-    if (!dbus_message_iter_open_container(m_append_iter.get(), DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE_AS_STRING, &elements)) {
+    if (!dbus_message_iter_open_container(&m_append_iter, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE_AS_STRING, &elements)) {
         QLOG(3, "set_array dbus_message_iter_open_container fail.");
         return false;
     }
     if (!dbus_message_iter_append_fixed_array(&elements, DBUS_TYPE_BYTE, &data, static_cast<int>(length))) {
         QLOG(3, "set_array dbus_message_iter_append_fixed_array fail.");
         // Leaves the message as it was, so the holder stays usable for further writes.
-        dbus_message_iter_abandon_container(m_append_iter.get(), &elements);
+        dbus_message_iter_abandon_container(&m_append_iter, &elements);
         return false;
     }
-    if (!dbus_message_iter_close_container(m_append_iter.get(), &elements)) {
+    if (!dbus_message_iter_close_container(&m_append_iter, &elements)) {
         QLOG(3, "set_array dbus_message_iter_close_container fail.");
         return false;
     }

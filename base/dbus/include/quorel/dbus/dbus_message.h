@@ -67,8 +67,10 @@ private:
     DBusMessage* m_message;
     // Zero-filled at allocation. The read iterator is created by the first read and dropped by
     // assignment; the append iterator lives as long as the holder.
-    std::unique_ptr<DBusMessageIter> m_read_iter;
-    std::unique_ptr<DBusMessageIter> m_append_iter;
+    // Held in place rather than allocated: two messages per request pass through here.
+    DBusMessageIter m_read_iter{};
+    bool m_read_started = false;
+    DBusMessageIter m_append_iter{};
 };
 
 class CDBusMethodCall : public CDBusMessage {
