@@ -287,11 +287,29 @@ TEST_F(AKeychainBackedStore, MakesEachChangeDurableWithinTwoSecondsOfItsSet) {
     std::sort(windows.begin(), windows.end());
     const long long median = windows[kSets / 2];
     const long long worst = windows.back();
-    std::printf("set_config to keychain over %d sets: median %lld ms, worst %lld ms\n", kSets, median, worst);
+    std::printf("set_config to keychain over %d sets one after the other: median %lld ms, worst %lld ms\n", kSets,
+                median, worst);
     RecordProperty("median_ms", static_cast<int>(median));
     RecordProperty("worst_ms", static_cast<int>(worst));
     // The saver's one-second wake-up bounds it, with room for a loaded machine.
     EXPECT_LT(worst, 2000);
+
+    // A set after a quiet spell is saved at once, not after the spacing between saves.
+    constexpr int kLoneSets = 10;
+    std::vector<long long> lone;
+    for (int i = 0; i < kLoneSets; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(120));
+        const std::string value = "lone" + std::to_string(i);
+        ASSERT_TRUE(m_store->set_config("gw_a", value));
+        const auto returned = std::chrono::steady_clock::now();
+        ASSERT_TRUE(wait_until([&] { return stored_value("gw_a") == value; }));
+        lone.push_back(elapsed_ms(returned));
+    }
+    std::sort(lone.begin(), lone.end());
+    std::printf("set_config to keychain over %d sets after a quiet spell: median %lld ms, worst %lld ms\n", kLoneSets,
+                lone[kLoneSets / 2], lone.back());
+    RecordProperty("lone_median_ms", static_cast<int>(lone[kLoneSets / 2]));
+    EXPECT_LT(lone.back(), 2000);
 }
 
 TEST_F(AKeychainBackedStore, FallsBackToTheDefaultFileWhenTheStoredCopyIsUnreadable) {
