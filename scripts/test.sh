@@ -44,7 +44,8 @@ else
 fi
 run_variant asan "" "" -DCM_SANITIZE_ADDRESS=ON
 if [ $tsan -eq 1 ]; then
-    threaded_tests=$(ls base/platform/test/*_test.cpp base/dbus/test/*_test.cpp | xargs -n1 basename | sed 's/\.cpp$//' | tr '\n' ' ')
+    threaded_tests=$(ls base/platform/test/*_test.cpp base/dbus/test/*_test.cpp common/log/test/*_test.cpp |
+        xargs -n1 basename | sed 's/\.cpp$//' | tr '\n' ' ')
     CC=clang CXX=clang++ run_variant tsan "platform|bus" "$threaded_tests" -DCM_SANITIZE_THREAD=ON
 fi
 

@@ -47,7 +47,8 @@ TEST(ALogFormat, WritesWhatTheCLibraryWritesForTheConversionsLogLinesUse) {
     EXPECT_FORMATS_AS_SNPRINTF("%ld %lu %lx", LONG_MIN, ULONG_MAX, 255ul);
     EXPECT_FORMATS_AS_SNPRINTF("%lld %llu %llx", LLONG_MIN, ULLONG_MAX, 0x123456789abcull);
     EXPECT_FORMATS_AS_SNPRINTF("%zu %zd %zx", SIZE_MAX, static_cast<ssize_t>(-5), static_cast<size_t>(4096));
-    EXPECT_FORMATS_AS_SNPRINTF("%hhd %hhu %hd %hu", 200, 511, 70000, 70000);
+    EXPECT_FORMATS_AS_SNPRINTF("%hhd %hhu %hd %hu", static_cast<signed char>(-56), static_cast<unsigned char>(255),
+                               static_cast<short>(-4464), static_cast<unsigned short>(4464));
     EXPECT_FORMATS_AS_SNPRINTF("100%% sure, char %c%c", 'o', 'k');
     EXPECT_FORMATS_AS_SNPRINTF("%.*s|%.*s|%.*s", 3, "abcdef", 0, "abc", 10, "ab");
     EXPECT_FORMATS_AS_SNPRINTF("caf\xc3\xa9 %s", "\xff\xfe");
