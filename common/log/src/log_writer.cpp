@@ -109,7 +109,9 @@ void CLogWriter::start_locked() {
         m_running = true;
         m_stopping = false;
     } catch (const std::system_error&) {
-        // No thread: callers write their own lines, as before there was a writer.
+        // No thread (the process is out of them): callers write their own lines from now on, as
+        // after exit, rather than try again for every line.
+        m_finished = true;
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }

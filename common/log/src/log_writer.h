@@ -79,7 +79,7 @@ private:
     bool m_running = false;     // the writer thread is there to write; guarded by m_mutex
     bool m_stopping = false;    // guarded by m_mutex
     bool m_idle = false;        // the writer sleeps until a line comes; guarded by m_mutex
-    bool m_finished = false;    // after exit began no new writer is started; guarded by m_mutex
+    bool m_finished = false;    // no writer thread runs again (exit began, or none could start); guarded by m_mutex
     bool m_registered = false;  // atexit and the fork handler are installed; guarded by m_mutex
 };
 
