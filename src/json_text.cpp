@@ -84,14 +84,6 @@ bool find_plain_envelope(const std::string& text, size_t& data_begin, size_t& da
 
 }  // namespace
 
-bool read_plain_envelope(const std::string& text, std::string& data, uint64_t& ts) {
-    size_t begin = 0;
-    size_t end = 0;
-    if (!find_plain_envelope(text, begin, end, ts)) return false;
-    data.assign(text, begin, end - begin);
-    return true;
-}
-
 bool unwrap_plain_envelope(std::string& text, uint64_t& ts) {
     size_t begin = 0;
     size_t end = 0;

@@ -22,10 +22,9 @@ std::string styled_head(const Json::Value& value, size_t limit);
 void append_quoted(std::string& out, const char* text, size_t length);
 
 // Recognises the envelope set_config_with_ts stores, {"data":"TEXT","ts":DIGITS} with an optional
-// newline, where TEXT needs no unescaping. True with data and ts as the library's reader reads
-// them; false for any other text, which the caller then parses.
-bool read_plain_envelope(const std::string& text, std::string& data, uint64_t& ts);
-// The same, replacing text by data in place on success (no allocation); text is untouched otherwise.
+// newline, where TEXT needs no unescaping, and replaces text by TEXT in place (no allocation), with
+// ts as the library's reader reads them. False, text untouched, for any other text, which the
+// caller then parses.
 bool unwrap_plain_envelope(std::string& text, uint64_t& ts);
 
 }  // namespace Configmanager
