@@ -1,8 +1,8 @@
 // The store's fast paths for JSON text must give exactly what the JSON library gives, or clients
 // would see other answers than they always have. Each input is checked against the library:
 // unwrap_plain_envelope against the lenient reader the queries use, append_quoted against the
-// compact writer, and styled_head against the head of the full styled text, at a limit taken from
-// the input's first byte.
+// compact writer, styled_head against the head of the full styled text, at a limit taken from
+// the input's first byte, and render_styled against the library's saved text.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -54,6 +54,9 @@ void check_styled_head(const std::string& input) {
         return;
     }
     if (styled_head(doc, limit) != doc.toStyledString().substr(0, limit)) fail("rendered another head", input);
+    std::string saved = "not empty";
+    render_styled(doc, saved);
+    if (saved != Json::writeString(Json::StreamWriterBuilder(), doc)) fail("rendered another saved text", input);
 }
 
 }  // namespace

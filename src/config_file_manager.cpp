@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "config_file_manager_internal.h"
+#include "json_text.h"
 #include "quorel/configmanager/base64.h"
 #include "quorel/configmanager/limits.h"
 #include "quorel/log/log.h"
@@ -95,8 +96,9 @@ std::string write_compact(const Json::Value& value) {
 #pragma GCC diagnostic pop
 
 std::string write_styled(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    return Json::writeString(builder, value);
+    std::string text;
+    render_styled(value, text);
+    return text;
 }
 
 }  // namespace Store

@@ -17,6 +17,8 @@ namespace {
 
 constexpr const char kLogFile[] = "core-services/config-manager/src/config_file_manager";
 constexpr const char kDocumentItem[] = "_configmanager.config.file";
+// The saver keeps its rendering buffer between saves up to this size (a store of some 10,000 keys).
+constexpr size_t kKeptTextBytes = 1024 * 1024;
 // The saver wakes at least this often to look at m_changed.
 constexpr uint32_t kSaverWakeMs = 1000;
 // Saves start at least kSaveSpacingMs apart, and further apart for a document that takes longer
@@ -212,8 +214,10 @@ void CConfigFileManagerFullamount::stop() {
     CSaveRetry retry;
     const uint64_t deadline = Platform::tick_ms() + kLastSaveBudgetMs;
     int32_t ret = KC_SUCCESS;
+    std::string text;
     for (;;) {
-        ret = attempt_save(render_document(), retry);
+        render_document(text);
+        ret = attempt_save(text, retry);
         if (ret == KC_SUCCESS) return;
         // A client without a connection gets none while the process is ending: waiting is futile.
         if (ret == KC_ERR_NOT_INITIALIZED) break;
@@ -246,9 +250,9 @@ bool CConfigFileManagerFullamount::merge_config(const Json::Value& defaults) NO_
     return changed;
 }
 
-std::string CConfigFileManagerFullamount::render_document() {
+void CConfigFileManagerFullamount::render_document(std::string& text) {
     Platform::CMutexGuard guard(m_lock);
-    return Store::write_styled(m_config_json);
+    render_styled(m_config_json, text);
 }
 
 bool CConfigFileManagerFullamount::save_json_file(const Json::Value& doc) {
@@ -264,6 +268,9 @@ void CConfigFileManagerFullamount::threadProc() {
     // tick_ms() before which no save starts: after a failure the retry pause, after a success the
     // spacing that turns a burst of changes into a few saves.
     uint64_t not_before = 0;
+    // Kept from save to save, so that a stream of changes does not allocate and free the whole
+    // text, and return its pages to the system, for every save.
+    std::string text;
     while (is_running()) {
         // Idle, the first change wakes the saver at once, so a lone set is saved without delay.
         if (!m_changed.load(std::memory_order_acquire)) m_save_sem.wait_for(kSaverWakeMs);
@@ -281,10 +288,12 @@ void CConfigFileManagerFullamount::threadProc() {
         // or sets the flag again for the next one.
         if (!m_changed.exchange(false, std::memory_order_acq_rel)) continue;
         const uint64_t begin = Platform::tick_ms();
-        const std::string text = render_document();
+        render_document(text);
         const uint64_t rendered = Platform::tick_ms();
         const int32_t ret = attempt_save(text, retry);
         const uint64_t end = Platform::tick_ms();
+        // A large store's text is not worth holding on to between saves.
+        if (text.capacity() > kKeptTextBytes) std::string().swap(text);
         if (ret == KC_SUCCESS) {
             // A slow keychain costs this process nothing while it works: only the rendering counts.
             not_before = std::max(begin + kSaveSpacingMs, end + kSaveDutyFactor * (rendered - begin));

@@ -1,6 +1,7 @@
 #include "json_text.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 
 namespace Quorel {
@@ -51,6 +52,128 @@ Json::Value head_copy(const Json::Value& value, size_t limit) {
 
 bool plain_ascii(unsigned char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; }
 
+// The letter of the library's two-character escape for c, or 0 where it has none.
+char short_escape(unsigned char c) {
+    switch (c) {
+        case '"':
+            return '"';
+        case '\\':
+            return '\\';
+        case '\b':
+            return 'b';
+        case '\f':
+            return 'f';
+        case '\n':
+            return 'n';
+        case '\r':
+            return 'r';
+        case '\t':
+            return 't';
+        default:
+            return 0;
+    }
+}
+
+// The text Json::writeString gives with a default StreamWriterBuilder (tab indentation, " : "
+// between a member's name and value, no final newline), for documents without comments and without
+// non-empty arrays; those take the library's own writer, whose line-breaking of arrays depends on
+// their rendered width. Writes straight into the caller's buffer: the library's writer goes
+// through a growing string stream and a copy of it, which for a large store costs more than the
+// rest of a save.
+class CStyledWriter {
+public:
+    explicit CStyledWriter(std::string& out) : m_out(out) {}
+
+    static bool takes(const Json::Value& value) {
+        for (Json::CommentPlacement placement :
+             {Json::commentBefore, Json::commentAfterOnSameLine, Json::commentAfter}) {
+            if (value.hasComment(placement)) return false;
+        }
+        if (value.isArray()) return value.empty();
+        if (!value.isObject()) return true;
+        const Json::Value::const_iterator last = value.end();
+        for (Json::Value::const_iterator it = value.begin(); it != last; ++it) {
+            if (!takes(*it)) return false;
+        }
+        return true;
+    }
+
+    void write(const Json::Value& value) {
+        switch (value.type()) {
+            case Json::nullValue:
+                m_out += "null";
+                break;
+            case Json::intValue:
+                append_number(value.asLargestInt());
+                break;
+            case Json::uintValue:
+                append_number(value.asLargestUInt());
+                break;
+            case Json::realValue:
+                m_out += Json::valueToString(value.asDouble());
+                break;
+            case Json::stringValue: {
+                const char* begin = nullptr;
+                const char* end = nullptr;
+                // The library writes nothing for a string value without storage.
+                if (value.getString(&begin, &end)) append_quoted(m_out, begin, static_cast<size_t>(end - begin));
+                break;
+            }
+            case Json::booleanValue:
+                m_out += value.asBool() ? "true" : "false";
+                break;
+            case Json::arrayValue:
+                m_out += "[]";
+                break;
+            case Json::objectValue:
+                write_object(value);
+                break;
+        }
+    }
+
+private:
+    void write_object(const Json::Value& value) {
+        if (value.empty()) {
+            m_out += "{}";
+            return;
+        }
+        start_line();
+        m_out += '{';
+        m_indent += '\t';
+        const Json::Value::const_iterator last = value.end();
+        for (Json::Value::const_iterator it = value.begin(); it != last;) {
+            const char* end = nullptr;
+            const char* name = it.memberName(&end);
+            start_line();
+            append_quoted(m_out, name, static_cast<size_t>(end - name));
+            m_out += " : ";
+            write(*it);
+            if (++it != last) m_out += ',';
+        }
+        m_indent.pop_back();
+        start_line();
+        m_out += '}';
+    }
+
+    // A container's brace or a member begins a line of its own, but not at the very start.
+    void start_line() {
+        if (!m_out.empty()) {
+            m_out += '\n';
+            m_out += m_indent;
+        }
+    }
+
+    template <typename Number>
+    void append_number(Number number) {
+        char digits[24];
+        const std::to_chars_result result = std::to_chars(digits, digits + sizeof(digits), number);
+        m_out.append(digits, result.ptr);
+    }
+
+    std::string& m_out;
+    std::string m_indent;
+};
+
 }  // namespace
 
 std::string styled_head(const Json::Value& value, size_t limit) {
@@ -60,9 +183,18 @@ std::string styled_head(const Json::Value& value, size_t limit) {
 }
 
 void append_quoted(std::string& out, const char* text, size_t length) {
+    const size_t start = out.size();
+    out += '"';
     for (size_t i = 0; i < length; ++i) {
-        if (!plain_ascii(static_cast<unsigned char>(text[i]))) {
-            // Escapes, control characters, non-ASCII text and NUL bytes: the library's own rules.
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (plain_ascii(c)) {
+            out += static_cast<char>(c);
+        } else if (const char escape = short_escape(c)) {
+            out += '\\';
+            out += escape;
+        } else {
+            // Other control characters, non-ASCII text and NUL bytes: the library's own rules.
+            out.resize(start);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
             std::string written = Json::FastWriter().write(Json::Value(text, text + length));
@@ -73,8 +205,16 @@ void append_quoted(std::string& out, const char* text, size_t length) {
         }
     }
     out += '"';
-    out.append(text, length);
-    out += '"';
+}
+
+void render_styled(const Json::Value& value, std::string& out) {
+    out.clear();
+    if (!CStyledWriter::takes(value)) {
+        Json::StreamWriterBuilder builder;
+        out = Json::writeString(builder, value);
+        return;
+    }
+    CStyledWriter(out).write(value);
 }
 
 namespace {

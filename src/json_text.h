@@ -21,6 +21,10 @@ std::string styled_head(const Json::Value& value, size_t limit);
 // Appends text as the library's quoting (Json::valueToQuotedString) writes it.
 void append_quoted(std::string& out, const char* text, size_t length);
 
+// Replaces out by the text Json::writeString gives for value with a default StreamWriterBuilder
+// (the store's saved form), reusing out's storage.
+void render_styled(const Json::Value& value, std::string& out);
+
 // Recognises the envelope set_config_with_ts stores, {"data":"TEXT","ts":DIGITS} with an optional
 // newline, where TEXT needs no unescaping, and replaces text by TEXT in place (no allocation), with
 // ts as the library's reader reads them. False, text untouched, for any other text, which the

@@ -71,6 +71,42 @@ TEST(AStyledHead, IsTheHeadOfTheWholeStyledTextForEveryShapeAndLimit) {
     }
 }
 
+TEST(RenderStyled, GivesTheLibrarysSavedTextForEveryShapeAndReusesTheBuffer) {
+    Json::Value types;
+    types["config"]["int"] = -42;
+    types["config"]["uint"] = Json::UInt64(18446744073709551615ULL);
+    types["config"]["least"] = Json::Int64(-9223372036854775807LL - 1);
+    types["config"]["real"] = 0.1;
+    types["config"]["whole real"] = 3.0;
+    types["config"]["huge real"] = 1e300;
+    types["config"]["true"] = true;
+    types["config"]["null"] = Json::Value();
+    types["config"]["empty object"] = Json::Value(Json::objectValue);
+    types["config"]["empty array"] = Json::Value(Json::arrayValue);
+    types["config"]["nested"]["deeper"]["deepest"] = "x";
+    types["config"]["esc\"a\\pe\t"] = "tab\tquote\"back\\slash\nline\r\b\f";
+    types["config"][std::string("caf\xc3\xa9 nul\0", 10)] = "\x01\x7f\xff";
+    types["metadata"]["subscribe"]["k"]["iot.observer"] = 1;
+    const std::vector<Json::Value> documents = {
+        store_of(3000),
+        types,
+        Json::Value(Json::objectValue),
+        Json::Value(Json::arrayValue),
+        Json::Value("just a string"),
+        Json::Value(7),
+        Json::Value(),
+        // The library lays arrays out by their width and writes comments: its own writer does those.
+        parsed("{\"a\": [1, 2, 3], \"b\": {\"c\": [[], {\"d\": [\"x\"]}]}}"),
+        parsed("// before\n{\"a\": {\"b\": null}, /* inside */ \"c\": \"\\u00e9\"} // after"),
+        parsed("[" + std::string(100, '1') + ", {}]"),
+    };
+    std::string out = "left over from the previous save";
+    for (const Json::Value& doc : documents) {
+        render_styled(doc, out);
+        EXPECT_EQ(out, Json::writeString(Json::StreamWriterBuilder(), doc));
+    }
+}
+
 TEST(AppendQuoted, QuotesAsTheJsonLibraryDoes) {
     const std::vector<std::string> texts = {"",
                                             "plain text / with slash",

@@ -85,8 +85,8 @@ private:
     // document was loaded anew.
     size_t config_bytes() REQUIRES(m_lock);
 
-    // The document as the text the saver stores, rendered under m_lock.
-    std::string render_document();
+    // Replaces text by the document as the saver stores it, rendered under m_lock.
+    void render_document(std::string& text);
 
     // Guards the document; held across every query, change and rendering for a save.
     Platform::CMutex m_lock;
