@@ -1,6 +1,8 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <string>
+#include <utility>
 
 #include "config_file_manager_internal.h"
 #include "json_text.h"
@@ -116,7 +118,11 @@ public:
         return !m_overflow;
     }
     bool overflow() const { return m_overflow; }
-    std::string finish() { return m_text + "]\n"; }
+    // Hands the text over rather than copying it: a result may be a megabyte.
+    std::string finish() {
+        m_text += "]\n";
+        return std::move(m_text);
+    }
 
 private:
     std::string m_text;
