@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 using namespace Quorel::Iot::Configmanager;
 
@@ -61,4 +62,28 @@ TEST(ABase64Decoder, CorruptsOnlyTheGroupHoldingACharacterOutsideTheAlphabet) {
     }
     EXPECT_EQ(base64_char_value('\x80'), -1);
     EXPECT_EQ(base64_char_value('/'), 63);
+}
+
+// Each group of four characters decodes on its own, wherever a bad character or padding falls:
+// text built from groups decodes to the groups' decodings one after the other.
+TEST(ABase64Decoder, DecodesEachGroupOnItsOwnWhereverABadCharacterOrPaddingFalls) {
+    const std::vector<std::string> groups = {"Zm9v", "YmFy", "\nmFy", "Y-Fy", "YmF\x80", "Zg==", "Zm8="};
+    for (const std::string& first : groups) {
+        for (const std::string& second : groups) {
+            for (const std::string& third : groups) {
+                const std::string text = first + second + third;
+                std::string expected;
+                for (const std::string& group : {first, second, third}) {
+                    if (group.find('=') != std::string::npos) {
+                        expected += decoded(group);
+                        break;
+                    }
+                    std::string bytes(3, '\0');
+                    base64_decode_block(reinterpret_cast<unsigned char*>(&bytes[0]), group.data(), 4);
+                    expected += bytes;
+                }
+                EXPECT_EQ(decoded(text), expected.substr(0, expected.find('\0'))) << text;
+            }
+        }
+    }
 }
